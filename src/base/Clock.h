@@ -1,0 +1,98 @@
+#pragma once
+
+#include "base/Job.h"
+
+#include <QObject>
+#include <QCoro/QCoroTask>
+
+#include <coroutine>
+#include <map>
+
+class QTimer;
+
+namespace zuv {
+
+// The only source of time for logic. now() is wall time in seconds since 1970;
+// uptime() is a continuous clock for waits. sleep() resumes on the main thread.
+class Clock : public QObject {
+    Q_OBJECT
+public:
+    ~Clock() override;
+
+    virtual double now() const = 0;
+    virtual double uptime() const = 0;
+
+    // Waits `seconds` of uptime. Returns false when `token` was cancelled first
+    // (also when it is already cancelled) or when the clock goes away.
+    QCoro::Task<bool> sleep(double seconds, CancelToken token = CancelToken());
+
+    static Clock &shared();
+    static void setShared(Clock *clock);
+
+protected:
+    explicit Clock(QObject *parent = nullptr) : QObject(parent) {}
+
+    struct Sleeper {
+        double deadline = 0; // in uptime seconds
+        std::coroutine_handle<> handle;
+        bool result = true;
+        CancelToken token;
+        quint64 cancelHandler = 0;
+        QTimer *timer = nullptr;
+    };
+
+    // Called when a sleeper is registered; the subclass arranges to call wake().
+    virtual void arm(quint64 id, Sleeper &sleeper) = 0;
+    // Resumes a waiting sleeper with `result`; a no-op for one already woken.
+    void wake(quint64 id, bool result);
+    // Wakes every sleeper with false. Concrete clocks call it from their destructor,
+    // while their now() still works for the code that resumes.
+    void shutDown();
+
+    std::map<quint64, Sleeper> m_sleepers;
+
+private:
+    friend struct SleepAwaiter;
+    quint64 m_next = 1;
+    bool m_closing = false;
+};
+
+// Real time, through QTimer.
+class RealClock final : public Clock {
+    Q_OBJECT
+public:
+    explicit RealClock(QObject *parent = nullptr);
+    ~RealClock() override;
+    double now() const override;
+    double uptime() const override;
+
+protected:
+    void arm(quint64 id, Sleeper &sleeper) override;
+};
+
+// Virtual time for tests: nothing moves until advance(), which wakes sleepers in
+// deadline order, each at its own deadline, including those started meanwhile.
+class TestClock final : public Clock {
+    Q_OBJECT
+public:
+    explicit TestClock(double wallStart = 1.7e9, QObject *parent = nullptr);
+    ~TestClock() override;
+    double now() const override { return m_wall; }
+    double uptime() const override { return m_up; }
+
+    void advance(double seconds);
+    // Changes wall time only, as when the system clock is set.
+    void setNow(double wall) { m_wall = wall; }
+    int sleepers() const { return int(m_sleepers.size()); }
+    // Deadline of the earliest sleeper, in seconds from now; negative when none.
+    double nextDeadline() const;
+
+protected:
+    void arm(quint64 id, Sleeper &sleeper) override;
+
+private:
+    double m_wall;
+    double m_up = 0;
+};
+
+} // namespace zuv
