@@ -1,0 +1,30 @@
+#pragma once
+
+#include "platform/SecretStore.h"
+
+namespace zuv {
+
+// The Secret Service (through QtKeychain). Where none answers, a file named after
+// the account with mode 0600 in `fallbackFolder`, said once in the log.
+class LinuxSecretStore final : public SecretStore {
+public:
+    explicit LinuxSecretStore(QString fallbackFolder);
+
+    QCoro::Task<std::optional<QString>> read(QString service, QString account) override;
+    QCoro::Task<bool> write(QString service, QString account, QString secret) override;
+    QCoro::Task<void> remove(QString service, QString account) override;
+
+    // True once the Secret Service failed and the file is in use.
+    bool usingFile() const { return m_usingFile; }
+
+private:
+    void fallBack(const QString &why);
+    QString filePath(const QString &account) const;
+    std::optional<QString> readFile(const QString &account) const;
+    bool writeFile(const QString &account, const QString &secret) const;
+
+    QString m_folder;
+    bool m_usingFile = false;
+};
+
+} // namespace zuv
