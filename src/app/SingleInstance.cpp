@@ -1,0 +1,95 @@
+#include "app/SingleInstance.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QLocalServer>
+#include <QLocalSocket>
+#include <QLockFile>
+#include <QThread>
+
+namespace zuv {
+
+namespace {
+constexpr int answerWait = 3000; // ms a later launch waits for the running one
+}
+
+SingleInstance::SingleInstance(QString folder, QObject *parent) : QObject(parent), m_folder(std::move(folder)) {}
+
+SingleInstance::~SingleInstance() = default;
+
+SingleInstance::Role SingleInstance::claim(const QStringList &arguments)
+{
+    if (!QDir().mkpath(m_folder)) {
+        m_error = QStringLiteral("Couldn't create %1").arg(m_folder);
+        return Role::failed;
+    }
+    QFile::setPermissions(m_folder, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    const QString socketPath = m_folder + QStringLiteral("/zuv.sock");
+
+    // A running copy may be just starting: try a few times before giving up.
+    for (int attempt = 0; attempt < 10; ++attempt) {
+        auto lock = std::make_unique<QLockFile>(m_folder + QStringLiteral("/zuv.lock"));
+        lock->setStaleLockTime(0); // stale only when its process is gone, however old
+        if (lock->tryLock(0)) {
+            m_lock = std::move(lock);
+            QLocalServer::removeServer(socketPath);
+            m_server = new QLocalServer(this);
+            m_server->setSocketOptions(QLocalServer::UserAccessOption);
+            if (!m_server->listen(socketPath)) {
+                m_error = QStringLiteral("Couldn't listen on %1: %2").arg(socketPath, m_server->errorString());
+                return Role::failed;
+            }
+            connect(m_server, &QLocalServer::newConnection, this, &SingleInstance::accept);
+            return Role::primary;
+        }
+        if (forward(arguments))
+            return Role::forwarded;
+        QThread::msleep(200);
+    }
+    m_error = QStringLiteral("Another Zuv is running but did not answer.");
+    return Role::failed;
+}
+
+bool SingleInstance::forward(const QStringList &arguments)
+{
+    QLocalSocket socket;
+    socket.connectToServer(m_folder + QStringLiteral("/zuv.sock"));
+    if (!socket.waitForConnected(answerWait))
+        return false;
+    socket.write(QJsonDocument(QJsonArray::fromStringList(arguments)).toJson(QJsonDocument::Compact) + '\n');
+    if (!socket.waitForBytesWritten(answerWait))
+        return false;
+    while (!socket.canReadLine())
+        if (!socket.waitForReadyRead(answerWait))
+            return false;
+    return socket.readLine().trimmed() == "ok";
+}
+
+void SingleInstance::accept()
+{
+    while (QLocalSocket *socket = m_server->nextPendingConnection()) {
+        connect(socket, &QLocalSocket::disconnected, socket, &QObject::deleteLater);
+        connect(socket, &QLocalSocket::readyRead, this, [this, socket] {
+            if (!socket->canReadLine()) {
+                if (socket->bytesAvailable() > 1 << 20) // nobody sends a megabyte of arguments
+                    socket->abort();
+                return;
+            }
+            const QJsonDocument document = QJsonDocument::fromJson(socket->readLine());
+            if (!document.isArray()) {
+                socket->abort();
+                return;
+            }
+            QStringList arguments;
+            for (const auto &value : document.array())
+                arguments << value.toString();
+            socket->write("ok\n");
+            socket->flush();
+            emit received(arguments);
+        });
+    }
+}
+
+} // namespace zuv

@@ -1,0 +1,284 @@
+#include "link/AppModel.h"
+
+#include "base/Clock.h"
+#include "base/Defaults.h"
+#include "base/Http.h"
+#include "base/Json.h"
+#include "base/Log.h"
+#include "hub/MacAPI.h"
+#include "link/Keychain.h"
+#include "platform/DeviceName.h"
+
+#include <QCoreApplication>
+#include <QNetworkAccessManager>
+#include <QPointer>
+
+#include <qrencode.h>
+
+#ifndef ZUV_DEFAULT_HUB
+#define ZUV_DEFAULT_HUB "https://hub.zuv.invalid"
+#endif
+
+namespace zuv {
+
+namespace {
+
+AppModel *g_shared = nullptr;
+
+constexpr double pollInterval = 2;     // seconds between pairing polls
+constexpr double replacedWindow = 60;  // a second replacement within this many seconds is told
+constexpr double replacedSettle = 30;  // the link must hold this long before the text goes
+
+QString tr(const char *text) { return QCoreApplication::translate("AppModel", text); }
+
+const QString pairedOwnerKey = QStringLiteral("pairedOwner");
+
+void call(const std::function<void()> &hook)
+{
+    if (hook)
+        hook();
+}
+
+} // namespace
+
+AppModel::Start AppModel::Start::fromJson(const QJsonObject &o)
+{
+    using namespace json;
+    return {required<QString>(o, QStringLiteral("code")), required<QString>(o, QStringLiteral("secret")),
+            required<double>(o, QStringLiteral("expiresAt"))};
+}
+
+AppModel::Poll AppModel::Poll::fromJson(const QJsonObject &o)
+{
+    using namespace json;
+    return {required<QString>(o, QStringLiteral("status")), optional<QString>(o, QStringLiteral("token")),
+            optional<bool>(o, QStringLiteral("owner"))};
+}
+
+AppModel::AppModel(Clock &clock, Defaults &defaults, Keychain &keychain, MacAPI &api,
+                   QNetworkAccessManager &network, QUrl server, QObject *parent)
+    : QObject(parent), m_clock(clock), m_defaults(defaults), m_keychain(keychain), m_api(api), m_network(network),
+      m_server(std::move(server))
+{
+    m_pairing.state = m_keychain.token() ? Pairing::State::paired : Pairing::State::unpaired;
+}
+
+AppModel::~AppModel()
+{
+    m_pairTask.cancel();
+    if (g_shared == this)
+        g_shared = nullptr;
+}
+
+AppModel &AppModel::shared()
+{
+    Q_ASSERT(g_shared);
+    return *g_shared;
+}
+
+void AppModel::setShared(AppModel *model) { g_shared = model; }
+
+QUrl AppModel::defaultServer() { return QUrl(QStringLiteral(ZUV_DEFAULT_HUB)); }
+
+QUrl AppModel::serverAddress(const Defaults &defaults)
+{
+    const auto stored = defaults.string(QStringLiteral("server"));
+    if (!stored.present())
+        return defaultServer();
+    const QUrl url(stored.value, QUrl::StrictMode);
+    const bool usable = url.isValid() && !url.host().isEmpty()
+        && (url.scheme() == QLatin1String("https") || url.scheme() == QLatin1String("http"));
+    if (!usable) {
+        zuv::log(QStringLiteral("The setting \"server\" (%1) is not an http or https address; using %2.")
+                     .arg(stored.value, defaultServer().toString()));
+        return defaultServer();
+    }
+    return url;
+}
+
+QString AppModel::pairingLink(const QString &code) { return QStringLiteral("zuvkel://pair/") + code; }
+
+QImage AppModel::qr(const QString &text)
+{
+    const QByteArray data = text.toUtf8();
+    QRcode *code = QRcode_encodeData(int(data.size()), reinterpret_cast<const unsigned char *>(data.constData()), 0,
+                                     QR_ECLEVEL_M);
+    if (!code)
+        return {};
+    constexpr int scale = 10;
+    constexpr int quiet = 1; // modules of white around the symbol, as scanners like
+    const int modules = code->width + 2 * quiet;
+    QImage image(modules * scale, modules * scale, QImage::Format_Grayscale8);
+    image.fill(Qt::white);
+    for (int y = 0; y < code->width; ++y) {
+        for (int x = 0; x < code->width; ++x) {
+            if (!(code->data[y * code->width + x] & 1))
+                continue;
+            for (int row = 0; row < scale; ++row) {
+                uchar *line = image.scanLine((y + quiet) * scale + row);
+                std::fill_n(line + (x + quiet) * scale, scale, uchar(0));
+            }
+        }
+    }
+    QRcode_free(code);
+    return image;
+}
+
+void AppModel::log(const QString &line) { zuv::log(line); }
+
+QString AppModel::runningTwiceText()
+{
+    static const QString text = tr("Zuv is running twice on this Mac. Quit the other copy.");
+    return text;
+}
+
+QString AppModel::revokedText()
+{
+    return tr("This Mac was disconnected from your Zuv account. Pair it again to keep using it.");
+}
+
+void AppModel::setPairing(Pairing pairing)
+{
+    if (m_pairing == pairing)
+        return;
+    m_pairing = std::move(pairing);
+    emit pairingChanged();
+}
+
+void AppModel::setLastError(const std::optional<QString> &error)
+{
+    if (m_lastError == error)
+        return;
+    m_lastError = error;
+    emit lastErrorChanged();
+}
+
+void AppModel::setConnected(bool connected)
+{
+    if (m_connected == connected)
+        return;
+    m_connected = connected;
+    emit connectedChanged();
+}
+
+template<class T>
+QCoro::Task<T> AppModel::post(QString path, QJsonObject body, CancelToken cancel)
+{
+    QString base = m_server.toString(QUrl::FullyEncoded);
+    while (base.endsWith(QLatin1Char('/')))
+        base.chop(1);
+    QNetworkRequest request(QUrl(base + path));
+    request.setRawHeader("content-type", "application/json");
+    http::setTimeout(request, 60);
+    const http::Reply reply =
+        co_await http::send(m_network, request, "POST", json::encode(body), nullptr, std::move(cancel));
+    http::requireHttp(reply);
+    if (reply.status != 200)
+        throw NetworkError(tr("The server returned an unexpected response (HTTP %1).").arg(reply.status));
+    co_return json::decodeBody<T>(reply.body);
+}
+
+void AppModel::startPairing()
+{
+    m_pairTask.cancel();
+    QPointer<AppModel> self(this);
+    m_pairTask = Job::start([self](CancelToken cancel) -> QCoro::Task<void> {
+        if (!self)
+            return []() -> QCoro::Task<void> { co_return; }();
+        return self->pair(std::move(cancel));
+    }, QStringLiteral("Pairing"));
+}
+
+QCoro::Task<void> AppModel::pair(CancelToken cancel)
+{
+    QPointer<AppModel> self(this);
+    try {
+        // Bodies are built before the co_await: GCC 12 miscompiles initializer
+        // lists inside an awaited expression.
+        QJsonObject startBody;
+        startBody.insert(QStringLiteral("name"), deviceName());
+        const Start start = co_await post<Start>(QStringLiteral("/pair/start"), startBody, cancel);
+        if (!self)
+            co_return;
+        setPairing(Pairing::showing(start.code));
+        log(QStringLiteral("pairing code ") + start.code);
+        if (cancel.isCancelled())
+            co_return;
+        for (;;) {
+            if (!co_await m_clock.sleep(pollInterval, cancel))
+                throw NetworkError(tr("The request was cancelled."), true);
+            if (!self)
+                co_return;
+            QJsonObject pollBody;
+            pollBody.insert(QStringLiteral("code"), start.code);
+            pollBody.insert(QStringLiteral("secret"), start.secret);
+            const Poll poll = co_await post<Poll>(QStringLiteral("/pair/poll"), pollBody, cancel);
+            if (!self)
+                co_return;
+            if (poll.status == QLatin1String("paired") && poll.token) {
+                m_keychain.setToken(poll.token);
+                m_defaults.set(pairedOwnerKey, poll.owner.value_or(false));
+                setPairing({Pairing::State::paired, {}});
+                call(m_hooks.startChildren);
+                call(m_hooks.startChat);
+                co_return;
+            }
+            if (poll.status == QLatin1String("expired")) {
+                setPairing({Pairing::State::expired, {}});
+                co_return;
+            }
+            if (cancel.isCancelled())
+                co_return;
+        }
+    } catch (const std::exception &e) {
+        if (!self)
+            co_return;
+        if (!cancel.isCancelled())
+            setLastError(tr("Couldn't reach Zuv: ") + describe(e));
+        setPairing({Pairing::State::expired, {}});
+    }
+}
+
+void AppModel::unpair()
+{
+    m_pairTask.cancel();
+    m_keychain.setToken(std::nullopt);
+    m_defaults.remove(pairedOwnerKey);
+    call(m_hooks.stopChat);
+    m_api.clearAccess();
+    call(m_hooks.stopAgent);
+    setPairing({Pairing::State::unpaired, {}});
+    setConnected(false);
+}
+
+void AppModel::replaced()
+{
+    const double now = m_clock.now();
+    if (m_replacedAt && now - *m_replacedAt < replacedWindow)
+        setLastError(runningTwiceText());
+    m_replacedAt = now;
+}
+
+void AppModel::clearReplacedLater() { spawn(clearReplacedAfterWait(), QStringLiteral("Clearing the running-twice text")); }
+
+QCoro::Task<void> AppModel::clearReplacedAfterWait()
+{
+    QPointer<AppModel> self(this);
+    co_await m_clock.sleep(replacedSettle); // an interrupted wait still checks below
+    if (!self)
+        co_return;
+    if (!m_connected || m_lastError != runningTwiceText())
+        co_return;
+    if (m_replacedAt && m_clock.now() - *m_replacedAt < replacedSettle)
+        co_return;
+    setLastError(std::nullopt);
+}
+
+void AppModel::revoked()
+{
+    unpair();
+    setLastError(revokedText());
+    call(m_hooks.showSetup);
+}
+
+} // namespace zuv

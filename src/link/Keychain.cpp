@@ -1,0 +1,52 @@
+#include "link/Keychain.h"
+
+#include "base/Job.h"
+#include "base/Log.h"
+#include "platform/SecretStore.h"
+
+#include <QPointer>
+
+namespace zuv {
+
+Keychain::Keychain(SecretStore &store, QObject *parent) : QObject(parent), m_store(store) {}
+
+QCoro::Task<void> Keychain::load()
+{
+    QPointer<Keychain> self(this);
+    auto token = co_await m_store.read(QString::fromLatin1(service), QString::fromLatin1(account));
+    if (!self)
+        co_return;
+    m_token = token && !token->isEmpty() ? token : std::nullopt;
+}
+
+void Keychain::setToken(const std::optional<QString> &token)
+{
+    m_token = token && !token->isEmpty() ? token : std::nullopt;
+    m_dirty = true;
+    if (!m_saving) {
+        m_saving = true;
+        spawn(writeLoop(), QStringLiteral("Saving the agent token"));
+    }
+}
+
+QCoro::Task<void> Keychain::writeLoop()
+{
+    QPointer<Keychain> self(this);
+    while (self && m_dirty) {
+        m_dirty = false;
+        const auto token = m_token;
+        if (token) {
+            const bool ok = co_await m_store.write(QString::fromLatin1(service), QString::fromLatin1(account), *token);
+            if (!ok)
+                log(QStringLiteral("The agent token could not be stored; the next launch will be unpaired."));
+        } else {
+            co_await m_store.remove(QString::fromLatin1(service), QString::fromLatin1(account));
+        }
+    }
+    if (!self)
+        co_return;
+    m_saving = false;
+    emit saved();
+}
+
+} // namespace zuv

@@ -1,0 +1,79 @@
+// The composition root: builds the process-wide objects with their real services.
+#include "app/AppDelegate.h"
+#include "app/SingleInstance.h"
+#include "base/AppLog.h"
+#include "base/Clock.h"
+#include "base/Defaults.h"
+#include "base/Log.h"
+#include "base/Paths.h"
+#include "hub/MacAPI.h"
+#include "link/AppModel.h"
+#include "link/Keychain.h"
+#include "platform/linux/LinuxSecretStore.h"
+#include "settings/Models.h"
+
+#include <QApplication>
+#include <QNetworkAccessManager>
+#include <QCoro/QCoroTask>
+
+#include <cstdio>
+
+using namespace zuv;
+
+int main(int argc, char **argv)
+{
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("Zuv"));
+    QApplication::setOrganizationDomain(QStringLiteral("kelmor.com"));
+    QApplication::setDesktopFileName(QStringLiteral("com.kelmor.zuv.mac"));
+    QApplication::setQuitOnLastWindowClosed(false); // it lives in the tray with every window closed
+
+    SingleInstance instance(Paths::runtime());
+    switch (instance.claim(QApplication::arguments())) {
+    case SingleInstance::Role::forwarded:
+        return 0;
+    case SingleInstance::Role::failed:
+        std::fprintf(stderr, "zuv: %s\n", qPrintable(instance.error()));
+        return 1;
+    case SingleInstance::Role::primary:
+        break;
+    }
+
+    RealClock clock;
+    Clock::setShared(&clock);
+    AppLog appLog(clock, Paths::logs());
+    appLog.install();
+    log(QStringLiteral("Zuv %1 (%2) started, pid %3").arg(QStringLiteral(ZUV_VERSION), QStringLiteral(ZUV_BUILD))
+            .arg(QApplication::applicationPid()));
+
+    Defaults defaults(Paths::defaultsFile());
+    Defaults::setShared(&defaults);
+
+    LinuxSecretStore secrets(Paths::support());
+    Keychain keychain(secrets);
+    // The token decides whether we are paired, so it is read before anything else runs.
+    QCoro::waitFor(keychain.load());
+
+    QNetworkAccessManager network;
+    const QUrl server = AppModel::serverAddress(defaults);
+    Models models(clock, defaults);
+    Models::setShared(&models);
+    MacAPI api(clock, keychain, network, server);
+    MacAPI::setShared(&api);
+    AppModel model(clock, defaults, keychain, api, network, server);
+    AppModel::setShared(&model);
+
+    AppDelegate delegate(model);
+    model.setHooks({.startChildren = {},
+                    .stopAgent = {},
+                    .startChat = {},
+                    .stopChat = {},
+                    .showSetup = [&delegate] { delegate.showSetup(); }});
+    QObject::connect(&instance, &SingleInstance::received, &delegate, &AppDelegate::open);
+
+    delegate.applicationDidFinishLaunching(QApplication::arguments());
+    const int status = QApplication::exec();
+    log(QStringLiteral("Zuv quit"));
+    setLogSink({});
+    return status;
+}
