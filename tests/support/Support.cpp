@@ -1,0 +1,92 @@
+#include "Support.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <stdexcept>
+
+namespace zuv::test {
+
+bool waitUntil(const std::function<bool()> &condition, int timeoutMs)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (!condition()) {
+        if (timer.elapsed() > timeoutMs)
+            return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        if (!condition())
+            QThread::usleep(200);
+    }
+    return true;
+}
+
+namespace detail {
+
+QCoro::Task<void> collectVoid(QCoro::Task<void> task, std::exception_ptr *error, bool *done)
+{
+    try {
+        co_await std::move(task);
+    } catch (...) {
+        *error = std::current_exception();
+    }
+    *done = true;
+}
+
+void awaitDone(const bool &done, const std::exception_ptr &error)
+{
+    if (!waitUntil([&] { return done; }, 30000))
+        throw std::runtime_error("the awaited task did not finish within 30 seconds");
+    if (error)
+        std::rethrow_exception(error);
+}
+
+} // namespace detail
+
+void await(QCoro::Task<void> task)
+{
+    std::exception_ptr error;
+    bool done = false;
+    auto runner = detail::collectVoid(std::move(task), &error, &done);
+    detail::awaitDone(done, error);
+}
+
+void spin(int ms)
+{
+    QElapsedTimer timer;
+    timer.start();
+    while (timer.elapsed() < ms) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+        QThread::usleep(200);
+    }
+}
+
+TempHome::TempHome()
+{
+    QTemporaryDir dir(QDir::tempPath() + QStringLiteral("/zuv-test-XXXXXX"));
+    dir.setAutoRemove(false);
+    m_path = dir.path();
+}
+
+TempHome::~TempHome() { QDir(m_path).removeRecursively(); }
+
+QString readText(const QString &path)
+{
+    QFile in(path);
+    if (!in.open(QIODevice::ReadOnly))
+        return {};
+    return QString::fromUtf8(in.readAll());
+}
+
+void writeText(const QString &path, const QByteArray &data)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile out(path);
+    if (out.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        out.write(data);
+}
+
+} // namespace zuv::test
