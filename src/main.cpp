@@ -10,6 +10,7 @@
 #include "link/AppModel.h"
 #include "link/Keychain.h"
 #include "platform/linux/LinuxSecretStore.h"
+#include "platform/linux/QuitSignals.h"
 #include "settings/Models.h"
 
 #include <QApplication>
@@ -64,12 +65,20 @@ int main(int argc, char **argv)
     AppModel::setShared(&model);
 
     AppDelegate delegate(model);
-    model.setHooks({.startChildren = {},
-                    .stopAgent = {},
-                    .startChat = {},
-                    .stopChat = {},
-                    .showSetup = [&delegate] { delegate.showSetup(); }});
+    AppModel::Hooks hooks;
+    hooks.showSetup = [&delegate] { delegate.showSetup(); };
+    hooks.childFailed = [](const QString &name, int status, bool signal, const QString &) {
+        log(QStringLiteral("%1 ended with %2 %3").arg(name, signal ? QStringLiteral("signal") : QStringLiteral("status"))
+                .arg(status));
+    };
+    model.setHooks(std::move(hooks));
     QObject::connect(&instance, &SingleInstance::received, &delegate, &AppDelegate::open);
+
+    QuitSignals quitSignals;
+    QObject::connect(&quitSignals, &QuitSignals::received, [](int signal) {
+        log(QStringLiteral("quitting on signal %1").arg(signal));
+    });
+    QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
 
     delegate.applicationDidFinishLaunching(QApplication::arguments());
     const int status = QApplication::exec();

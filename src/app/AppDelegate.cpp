@@ -15,6 +15,10 @@ AppDelegate::AppDelegate(AppModel &model, QObject *parent) : QObject(parent), m_
     g_shared = this;
     // Until the setup window exists, the code to type and the link to scan go to app.log.
     connect(&m_model, &AppModel::pairingChanged, this, &AppDelegate::logPairing);
+    connect(&m_model, &AppModel::connectedChanged, this, [this] {
+        AppModel::log(m_model.connected() ? QStringLiteral("agent connected to the hub")
+                                          : QStringLiteral("agent not connected to the hub"));
+    });
 }
 
 AppDelegate::~AppDelegate()
@@ -32,8 +36,15 @@ void AppDelegate::applicationDidFinishLaunching(const QStringList &arguments)
     // A child that closes its pipe must not take the app down with it.
     std::signal(SIGPIPE, SIG_IGN);
 
+    m_model.startChildren();
+
     if (has(arguments, QStringLiteral("--pair")))
         m_model.startPairing();
+}
+
+void AppDelegate::applicationWillTerminate()
+{
+    m_model.stopChildren();
 }
 
 void AppDelegate::open(const QStringList &arguments)

@@ -18,6 +18,7 @@ public:
     static AppDelegate *shared();
 
     void applicationDidFinishLaunching(const QStringList &arguments);
+    void applicationWillTerminate();
     // Arguments handed over by a second launch of the app.
     void open(const QStringList &arguments);
     void showSetup();

@@ -56,9 +56,9 @@ AppModel::Poll AppModel::Poll::fromJson(const QJsonObject &o)
 }
 
 AppModel::AppModel(Clock &clock, Defaults &defaults, Keychain &keychain, MacAPI &api,
-                   QNetworkAccessManager &network, QUrl server, QObject *parent)
+                   QNetworkAccessManager &network, QUrl server, Locations locations, QObject *parent)
     : QObject(parent), m_clock(clock), m_defaults(defaults), m_keychain(keychain), m_api(api), m_network(network),
-      m_server(std::move(server))
+      m_server(std::move(server)), m_locations(std::move(locations))
 {
     m_pairing.state = m_keychain.token() ? Pairing::State::paired : Pairing::State::unpaired;
 }
@@ -219,7 +219,7 @@ QCoro::Task<void> AppModel::pair(CancelToken cancel)
                 m_keychain.setToken(poll.token);
                 m_defaults.set(pairedOwnerKey, poll.owner.value_or(false));
                 setPairing({Pairing::State::paired, {}});
-                call(m_hooks.startChildren);
+                startChildren();
                 call(m_hooks.startChat);
                 co_return;
             }
@@ -246,7 +246,7 @@ void AppModel::unpair()
     m_defaults.remove(pairedOwnerKey);
     call(m_hooks.stopChat);
     m_api.clearAccess();
-    call(m_hooks.stopAgent);
+    stopAgent(); // the screen helper stays
     setPairing({Pairing::State::unpaired, {}});
     setConnected(false);
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "base/Job.h"
+#include "link/Child.h"
 
 #include <QImage>
 #include <QJsonObject>
@@ -51,17 +52,35 @@ public:
         static Poll fromJson(const QJsonObject &object);
     };
 
-    // What pairing and unpairing start and stop in the rest of the app.
+    // Where the link reaches into the rest of the app. Each is filled by the
+    // subsystem that owns it; an empty one is skipped.
     struct Hooks {
-        std::function<void()> startChildren;
-        std::function<void()> stopAgent;
         std::function<void()> startChat;
         std::function<void()> stopChat;
         std::function<void()> showSetup;
+        std::function<void()> reloadSessions;
+        // The agent runs, or stopped running.
+        std::function<void()> agentRunning;
+        std::function<void()> agentStopped;
+        // A child failed in a way worth reporting.
+        std::function<void(const QString &name, int status, bool signal, const QString &tail)> childFailed;
+        // Payloads of the agent's lines for their owners.
+        std::function<void(const QJsonObject &)> stayAwake;
+        std::function<void(const QJsonObject &)> clipboardReceived;
+        std::function<void(const QString &line)> clipboardAsk;
+    };
+
+    // Where the children and their files are.
+    struct Locations {
+        QString helpers;   // node and zuv-screen
+        QString agentRoot; // the agent shipped with the app
+        QString support;   // data folder: work folder, screen socket
+        QString logs;
+        static Locations installed();
     };
 
     AppModel(Clock &clock, Defaults &defaults, Keychain &keychain, MacAPI &api, QNetworkAccessManager &network,
-             QUrl server, QObject *parent = nullptr);
+             QUrl server, Locations locations = Locations::installed(), QObject *parent = nullptr);
     ~AppModel() override;
 
     static AppModel &shared();
@@ -79,6 +98,8 @@ public:
     static void log(const QString &line);
 
     void setHooks(Hooks hooks) { m_hooks = std::move(hooks); }
+    const Hooks &hooks() const { return m_hooks; }
+    const Locations &locations() const { return m_locations; }
 
     const Pairing &pairing() const { return m_pairing; }
     const std::optional<QString> &lastError() const { return m_lastError; }
@@ -89,6 +110,31 @@ public:
 
     void setLastError(const std::optional<QString> &error);
     void setConnected(bool connected);
+
+    // The agent's own words (its line events).
+    bool answers() const { return m_answers; }
+    const std::optional<QString> &claudeState() const { return m_claudeState; }
+    bool agentBusy() const { return m_agentBusy; }
+    void setClaude(bool found, const std::optional<QString> &state);
+    void setAgentBusy(bool busy);
+
+    // The two supervised children, made on first use and kept for the process's life.
+    Child &agent();
+    Child &screen();
+    Child::State agentState() const { return m_agentState; }
+    Child::State screenState() const { return m_screenState; }
+
+    void startChildren();
+    void stopChildren();
+
+    // What the agent is started with; nothing else of ours reaches it.
+    Child::Environment agentEnvironment() const;
+    // The agent folder: "agentSource" when it holds src/main.mjs, else the shipped one.
+    QString agentSource() const;
+    QString screenSocket() const;
+    QString workFolder() const;
+    // Only the owner's computer may let the agent read its private env file.
+    bool ownerEnvFile() const;
 
     void startPairing();
     void unpair();
@@ -107,6 +153,8 @@ signals:
     void pairingChanged();
     void lastErrorChanged();
     void connectedChanged();
+    void agentChanged();  // answers, claudeState, agentBusy, agentState
+    void screenChanged(); // screenState
 
 private:
     QCoro::Task<void> pair(CancelToken cancel);
@@ -114,6 +162,8 @@ private:
     template<class T>
     QCoro::Task<T> post(QString path, QJsonObject body, CancelToken cancel);
     void setPairing(Pairing pairing);
+    void agentStateChanged(Child::State state);
+    void stopAgent();
 
     Clock &m_clock;
     Defaults &m_defaults;
@@ -121,6 +171,7 @@ private:
     MacAPI &m_api;
     QNetworkAccessManager &m_network;
     QUrl m_server;
+    Locations m_locations;
     Hooks m_hooks;
 
     Pairing m_pairing;
@@ -128,6 +179,14 @@ private:
     std::optional<QString> m_lastError;
     std::optional<double> m_replacedAt;
     bool m_connected = false;
+
+    bool m_answers = true;
+    std::optional<QString> m_claudeState;
+    bool m_agentBusy = false;
+    Child *m_agent = nullptr;
+    Child *m_screen = nullptr;
+    Child::State m_agentState = Child::State::stopped;
+    Child::State m_screenState = Child::State::stopped;
 };
 
 } // namespace zuv

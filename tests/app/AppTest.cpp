@@ -12,6 +12,7 @@
 #include <QSysInfo>
 #include <QLockFile>
 #include <QProcess>
+#include <QWebSocket>
 
 using namespace zuv;
 using test::TestHub;
@@ -125,6 +126,35 @@ TEST_F(AppTest, aLockLeftByADeadProcessDoesNotBlockTheStart)
     test::writeText(home.file("run/zuv/zuv.lock"), QByteArray::number(gonePid) + "\nzuv\n" + QSysInfo::machineHostName().toUtf8() + "\n");
     launch({});
     EXPECT_TRUE(logSays(" started, pid "));
+}
+
+TEST_F(AppTest, aPairedAppRunsTheAgentUntilTheHubRevokesIt)
+{
+    // Without a Secret Service the token lives in a private file.
+    const QString tokenFile = home.file("data/Zuv/agent-token");
+    test::writeText(tokenFile, "agent-token-e2e");
+    QFile::setPermissions(tokenFile, QFile::ReadOwner | QFile::WriteOwner);
+    QWebSocket *agentSocket = nullptr;
+    QObject::connect(&hub, &TestHub::socketConnected, [&](QWebSocket *s) { agentSocket = s; });
+
+    QProcess *app = launch({});
+    ASSERT_TRUE(logSays("agent connected to the hub", 20000)) << appLog().toStdString();
+    ASSERT_TRUE(agentSocket);
+    EXPECT_EQ(agentSocket->request().rawHeader("authorization"), "Bearer agent-token-e2e");
+    ASSERT_TRUE(test::waitUntil([&] { return QFile::exists(home.file("data/Zuv/screen.sock")); }));
+
+    agentSocket->close(QWebSocketProtocol::CloseCode(4401));
+    ASSERT_TRUE(logSays("This Mac was disconnected from your Zuv account.")) << appLog().toStdString();
+    EXPECT_TRUE(test::waitUntil([&] { return !QFile::exists(tokenFile); }));
+    EXPECT_TRUE(QFile::exists(home.file("data/Zuv/screen.sock"))) << "the screen helper runs on";
+    EXPECT_TRUE(test::readText(home.file("state/Zuv/logs/agent.log")).contains("hub closed 4401"));
+
+    // Quitting stops the helper, which removes its socket.
+    app->terminate();
+    ASSERT_TRUE(app->waitForFinished(10000));
+    EXPECT_EQ(app->exitCode(), 0);
+    EXPECT_FALSE(QFile::exists(home.file("data/Zuv/screen.sock")));
+    EXPECT_TRUE(logSays("Zuv quit"));
 }
 
 TEST_F(AppTest, aBrokenDefaultsFileDoesNotStopTheApp)

@@ -38,13 +38,15 @@ class AppModelTest : public ::testing::Test {
 protected:
     AppModelTest()
         : defaults(home.file("defaults.json")), keychain(store), api(clock, keychain, network, hub.url()),
-          model(clock, defaults, keychain, api, network, hub.url())
+          // No helpers in this folder: children fail to start and wait in virtual time.
+          model(clock, defaults, keychain, api, network, hub.url(),
+                {home.file("helpers"), home.file("agent"), home.file("data"), home.file("logs")})
     {
-        model.setHooks({.startChildren = [this] { calls << "startChildren"; },
-                        .stopAgent = [this] { calls << "stopAgent"; },
-                        .startChat = [this] { calls << "startChat"; },
-                        .stopChat = [this] { calls << "stopChat"; },
-                        .showSetup = [this] { calls << "showSetup"; }});
+        AppModel::Hooks hooks;
+        hooks.startChat = [this] { calls << "startChat"; };
+        hooks.stopChat = [this] { calls << "stopChat"; };
+        hooks.showSetup = [this] { calls << "showSetup"; };
+        model.setHooks(hooks);
         QObject::connect(&model, &AppModel::pairingChanged, [this] {
             states << model.pairing().state;
         });
@@ -102,7 +104,9 @@ TEST_F(AppModelTest, pairsAfterPollingAndStoresTheToken)
     EXPECT_EQ(store.secrets.at({"com.kelmor.zuv.mac", "agent-token"}), "agent-token-1");
     EXPECT_TRUE(defaults.boolean("pairedOwner").present());
     EXPECT_FALSE(defaults.boolean("pairedOwner").value) << "an absent owner is stored as false";
-    EXPECT_EQ(calls, (QStringList{"startChildren", "startChat"}));
+    EXPECT_EQ(calls, (QStringList{"startChat"}));
+    EXPECT_TRUE(model.agent().wanted()) << "pairing starts the agent";
+    EXPECT_TRUE(model.screen().wanted());
     EXPECT_FALSE(model.lastError());
     clock.advance(10);
     test::spin(50);
@@ -197,7 +201,8 @@ TEST_F(AppModelTest, unpairStopsEverythingButTheScreen)
     EXPECT_FALSE(keychain.token());
     EXPECT_TRUE(defaults.boolean("pairedOwner").absent());
     EXPECT_FALSE(api.access());
-    EXPECT_EQ(calls, (QStringList{"stopChat", "stopAgent"}));
+    EXPECT_EQ(calls, (QStringList{"stopChat"}));
+    EXPECT_FALSE(model.agent().wanted());
     ASSERT_TRUE(test::waitUntil([&] { return !keychain.saving() && store.secrets.empty(); }));
     // The cancelled poll loop ends without polling again.
     ASSERT_TRUE(test::waitUntil([&] { return !model.pairTask().isRunning(); }));
@@ -271,7 +276,8 @@ TEST_F(AppModelTest, revocationUnpairsAndShowsSetup)
     EXPECT_EQ(model.pairing().state, State::unpaired);
     EXPECT_FALSE(keychain.token());
     EXPECT_EQ(model.lastError(), AppModel::revokedText());
-    EXPECT_EQ(calls, (QStringList{"stopChat", "stopAgent", "showSetup"}));
+    EXPECT_EQ(calls, (QStringList{"stopChat", "showSetup"}));
+    EXPECT_FALSE(model.agent().wanted());
 }
 
 TEST(AppModelStatics, serverAddressQrAndLink)

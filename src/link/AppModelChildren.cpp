@@ -1,0 +1,179 @@
+// AppModel: the agent and the screen helper, and what they are started with.
+#include "link/AppModel.h"
+
+#include "base/Clock.h"
+#include "base/Defaults.h"
+#include "base/Paths.h"
+#include "install/Updates.h"
+#include "link/AgentLine.h"
+#include "link/Keychain.h"
+#include "link/LoginShell.h"
+
+#include <QDir>
+#include <QFileInfo>
+#include <QProcessEnvironment>
+
+namespace zuv {
+
+AppModel::Locations AppModel::Locations::installed()
+{
+    return {Paths::helpers(), Paths::agentRoot(), Paths::support(), Paths::logs()};
+}
+
+QString AppModel::screenSocket() const { return m_locations.support + QStringLiteral("/screen.sock"); }
+QString AppModel::workFolder() const { return m_locations.support + QStringLiteral("/work"); }
+
+QString AppModel::agentSource() const
+{
+    QString folder = m_defaults.string(QStringLiteral("agentSource")).valueOr(QString());
+    if (folder == QLatin1String("~") || folder.startsWith(QLatin1String("~/")))
+        folder = QDir::homePath() + folder.mid(1);
+    if (!folder.isEmpty() && QFileInfo(folder + QStringLiteral("/src/main.mjs")).isFile())
+        return folder;
+    return m_locations.agentRoot;
+}
+
+bool AppModel::ownerEnvFile() const
+{
+    return m_defaults.boolean(QStringLiteral("pairedOwner")).valueOr(false)
+        && QFileInfo::exists(QDir::homePath() + QStringLiteral("/.config/zuv-agent/agent.env"));
+}
+
+Child::Environment AppModel::agentEnvironment() const
+{
+    Child::Environment env;
+    for (const char *name : {"HOME", "USER", "LOGNAME", "LANG", "TMPDIR", "SHELL"}) {
+        if (qEnvironmentVariableIsSet(name))
+            env[QString::fromLatin1(name)] = qEnvironmentVariable(name);
+    }
+    const QString server = m_server.toString(QUrl::FullyEncoded);
+    QString hub = server;
+    hub.replace(QStringLiteral("https://"), QStringLiteral("wss://"));
+    env[QStringLiteral("PATH")] = LoginShell::path();
+    env[QStringLiteral("ZUV_SITE")] = QStringLiteral("mac");
+    env[QStringLiteral("ZUV_HUB_URL")] = hub + QStringLiteral("/agent/ws");
+    env[QStringLiteral("ZUV_API_URL")] = server;
+    env[QStringLiteral("ZUV_AGENT_TOKEN")] = m_keychain.token().value_or(QString());
+    if (!ownerEnvFile())
+        env[QStringLiteral("ZUV_NO_ENV_FILE")] = QStringLiteral("1");
+    env[QStringLiteral("ZUV_PREBUILT")] = QStringLiteral("1");
+    env[QStringLiteral("ZUV_BIN_DIR")] = m_locations.helpers;
+    env[QStringLiteral("ZUV_WORK_DIR")] = workFolder();
+    env[QStringLiteral("ZUV_SCREEN_SOCKET")] = screenSocket();
+    env[QStringLiteral("ZUV_BUILD")] = Updates::build();
+    env[QStringLiteral("ZUV_VERSION")] = Updates::shortVersion();
+    env[QStringLiteral("ZUV_APP_CONTROL")] = QStringLiteral("1");
+    env[QStringLiteral("ZUV_AWAKE_STATUS")] = m_locations.support + QStringLiteral("/awake-helper.json");
+    return env;
+}
+
+Child &AppModel::agent()
+{
+    if (!m_agent) {
+        m_agent = new Child(
+            m_clock, QStringLiteral("agent"), m_locations.helpers + QStringLiteral("/node"),
+            [this] { return QStringList{agentSource() + QStringLiteral("/src/main.mjs")}; },
+            [this] { return agentEnvironment(); }, m_locations.logs + QStringLiteral("/agent.log"), true, this);
+        m_agent->onLine = AgentLine(*this);
+        m_agent->onState = [this](Child::State state) { agentStateChanged(state); };
+        m_agent->onFailure = [this](int status, bool signal, const QString &tail) {
+            if (m_hooks.childFailed)
+                m_hooks.childFailed(QStringLiteral("agent"), status, signal, tail);
+        };
+    }
+    return *m_agent;
+}
+
+Child &AppModel::screen()
+{
+    if (!m_screen) {
+        m_screen = new Child(
+            m_clock, QStringLiteral("screen"), m_locations.helpers + QStringLiteral("/zuv-screen"),
+            [this] { return QStringList{QStringLiteral("--socket"), screenSocket(), QStringLiteral("--managed")}; },
+            [] {
+                Child::Environment env;
+                const auto own = QProcessEnvironment::systemEnvironment();
+                for (const QString &key : own.keys())
+                    env[key] = own.value(key);
+                return env;
+            },
+            m_locations.logs + QStringLiteral("/screen.log"), false, this);
+        m_screen->onState = [this](Child::State state) {
+            if (m_screenState == state)
+                return;
+            m_screenState = state;
+            emit screenChanged();
+        };
+        m_screen->onFailure = [this](int status, bool signal, const QString &tail) {
+            if (m_hooks.childFailed)
+                m_hooks.childFailed(QStringLiteral("zuv-screen"), status, signal, tail);
+        };
+    }
+    return *m_screen;
+}
+
+void AppModel::agentStateChanged(Child::State state)
+{
+    if (m_agentState != state) {
+        m_agentState = state;
+        emit agentChanged();
+    }
+    if (state == Child::State::running) {
+        if (m_hooks.agentRunning)
+            m_hooks.agentRunning();
+        return;
+    }
+    setConnected(false);
+    setAgentBusy(false);
+    if (m_hooks.agentStopped)
+        m_hooks.agentStopped();
+}
+
+void AppModel::setClaude(bool found, const std::optional<QString> &state)
+{
+    if (m_answers == found && m_claudeState == state)
+        return;
+    m_answers = found;
+    m_claudeState = state;
+    emit agentChanged();
+}
+
+void AppModel::setAgentBusy(bool busy)
+{
+    if (m_agentBusy == busy)
+        return;
+    m_agentBusy = busy;
+    emit agentChanged();
+}
+
+void AppModel::startChildren()
+{
+    Paths::ensure(workFolder());
+    Child &helper = screen();
+    helper.setWanted(true);
+    if (!helper.process())
+        helper.launch();
+    if (m_pairing.state == Pairing::State::paired) {
+        Child &link = agent();
+        link.setWanted(true);
+        if (!link.process())
+            link.launch();
+    }
+}
+
+void AppModel::stopAgent()
+{
+    Child &link = agent();
+    link.setWanted(false);
+    link.terminate();
+}
+
+void AppModel::stopChildren()
+{
+    stopAgent();
+    Child &helper = screen();
+    helper.setWanted(false);
+    helper.terminate();
+}
+
+} // namespace zuv
