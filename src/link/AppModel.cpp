@@ -29,8 +29,6 @@ constexpr double pollInterval = 2;     // seconds between pairing polls
 constexpr double replacedWindow = 60;  // a second replacement within this many seconds is told
 constexpr double replacedSettle = 30;  // the link must hold this long before the text goes
 
-QString tr(const char *text) { return QCoreApplication::translate("AppModel", text); }
-
 const QString pairedOwnerKey = QStringLiteral("pairedOwner");
 
 void call(const std::function<void()> &hook)

@@ -138,6 +138,10 @@ TEST_F(AgentLineTest, a403OnConnectingRevokesOnceAndAGoneModelIsSafe)
     EXPECT_EQ(events.count("showSetup"), 1) << "both markers on one line make one revocation";
     read("Unexpected server response: 401");
     EXPECT_EQ(events.count("showSetup"), 1);
+    keychain.setToken(QStringLiteral("again"));
+    read("2026-11-21T10:00:00Z error: Unexpected server response: 403");
+    EXPECT_EQ(events.count("showSetup"), 2) << "a 403 alone revokes, with no close code";
+    EXPECT_FALSE(keychain.token());
 
     AgentLine reader(*model);
     model.reset();
