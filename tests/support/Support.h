@@ -9,6 +9,11 @@
 #include <functional>
 #include <optional>
 
+#include <ostream>
+
+// gtest prints QStrings as text.
+inline void PrintTo(const QString &s, std::ostream *os) { *os << '"' << s.toStdString() << '"'; }
+
 namespace zuv::test {
 
 // Runs the event loop until `condition` holds or `timeoutMs` of real time pass.
