@@ -1,0 +1,134 @@
+#include "base/Job.h"
+#include "base/Log.h"
+#include "platform/linux/Cld2LanguageDetector.h"
+#include "platform/linux/QtSynthesizer.h"
+#include "platform/Synthesizer.h"
+#include "voice/Speaker.h"
+
+#include "Support.h"
+
+#include <gtest/gtest.h>
+
+using namespace zuv;
+
+namespace {
+
+// Speaks nothing; finishes when told to, or when stopped.
+class FakeSynthesizer final : public Synthesizer {
+public:
+    bool up = true;
+    QStringList said;
+    QStringList languages;
+    double lastRate = 0;
+    int stops = 0;
+
+    bool available() override { return up; }
+    QString problem() const override { return "no speech-dispatcher"; }
+    void say(const QString &text, const QString &language, double rate) override
+    {
+        said << text;
+        languages << language;
+        lastRate = rate;
+    }
+    void stop() override
+    {
+        ++stops;
+        emit finished();
+    }
+    void end() { emit finished(); }
+};
+
+QCoro::Task<void> speakInto(Speaker &speaker, QString text, bool *done)
+{
+    co_await speaker.speak(text);
+    *done = true;
+}
+
+} // namespace
+
+TEST(Speaker, plainReducesMarkdownToSpeech)
+{
+    EXPECT_EQ(Speaker::plain("```\nlet x = 1\n```"), "(code)");
+    EXPECT_EQ(Speaker::plain("```\n```\n\n---\n"), "(code)");
+    EXPECT_EQ(Speaker::plain("## Title\n\n> quoted **bold** and _it_\n\n- item\n1. first"),
+              "Title\nquoted bold and it\nitem\n1. first");
+    EXPECT_EQ(Speaker::plain("See [the docs](https://x.org) and ![pic](a.png) at https://y.org/z now"),
+              "See the docs and  at  now");
+    EXPECT_EQ(Speaker::plain("| a | b |\n|---|:-:|\n| 1 | 2 |"), "a  b \n 1  2");
+    EXPECT_EQ(Speaker::plain("**\n\n__**"), "");
+}
+
+TEST(Speaker, aSecondReadingEndsTheFirst)
+{
+    FakeSynthesizer synth;
+    Cld2LanguageDetector detector;
+    Speaker speaker(synth, detector);
+    bool first = false;
+    bool second = false;
+    spawn(speakInto(speaker, "Hello there, this is a reply.", &first), "first");
+    EXPECT_FALSE(first);
+    EXPECT_TRUE(speaker.speaking());
+    spawn(speakInto(speaker, "A second reply.", &second), "second");
+    EXPECT_TRUE(test::waitUntil([&] { return first; })) << "the first call returns";
+    EXPECT_FALSE(second);
+    EXPECT_EQ(synth.stops, 1);
+    EXPECT_EQ(synth.said, (QStringList{"Hello there, this is a reply.", "A second reply."}));
+    EXPECT_DOUBLE_EQ(synth.lastRate, 1.05);
+    synth.end();
+    EXPECT_TRUE(test::waitUntil([&] { return second; }));
+
+    // Nothing to say: returns at once without touching the synthesiser.
+    bool nothing = false;
+    spawn(speakInto(speaker, "** __ ~~ ```", &nothing), "nothing");
+    EXPECT_TRUE(nothing);
+    EXPECT_EQ(synth.said.size(), 2);
+}
+
+TEST(Speaker, withoutASpeechServiceItReturnsAndSaysSoOnce)
+{
+    FakeSynthesizer synth;
+    synth.up = false;
+    Cld2LanguageDetector detector;
+    Speaker speaker(synth, detector);
+    QStringList logged;
+    setLogSink([&](const QString &line) { logged << line; });
+    bool done = false;
+    spawn(speakInto(speaker, "Hello", &done), "a");
+    EXPECT_TRUE(done);
+    spawn(speakInto(speaker, "Again", &done), "b");
+    EXPECT_EQ(logged, (QStringList{"Read aloud is not available: no speech-dispatcher"}));
+    EXPECT_TRUE(synth.said.isEmpty());
+    setLogSink({});
+}
+
+TEST(Speaker, languagesMapToTheirTags)
+{
+    FakeSynthesizer synth;
+    Cld2LanguageDetector detector;
+    Speaker speaker(synth, detector);
+    EXPECT_EQ(speaker.language("我们今天下午去公园散步，然后在附近的餐厅吃晚饭。这个城市的天气很好。"), "zh-CN");
+    EXPECT_EQ(speaker.language("我們今天下午去公園散步，然後在附近的餐廳吃晚飯。這個城市的天氣很好。"), "zh-TW");
+    EXPECT_EQ(speaker.language("今日は天気がいいので、公園を散歩してから近くのレストランで晩ご飯を食べました。"), "ja-JP");
+    EXPECT_EQ(speaker.language("Vandaag gaan we wandelen in het park en daarna eten we in een restaurant in de buurt."), "nl-NL");
+    EXPECT_EQ(speaker.language("Heute gehen wir im Park spazieren und essen danach in einem Restaurant in der Nähe."), "de-DE");
+    EXPECT_EQ(speaker.language("Aujourd'hui nous allons nous promener dans le parc puis dîner dans un restaurant."), "fr-FR");
+    EXPECT_EQ(speaker.language("Hoy vamos a pasear por el parque y después cenaremos en un restaurante cercano."), "es-ES");
+    EXPECT_EQ(speaker.language("Oggi andiamo a fare una passeggiata nel parco e poi ceniamo in un ristorante."), "en-US");
+    EXPECT_EQ(speaker.language(""), "en-US");
+}
+
+// The real synthesiser on this session's speech-dispatcher: it either speaks to
+// the end (finished comes) or tells why it cannot.
+TEST(QtSynthesizer, speaksOrSaysWhyNot)
+{
+    QtSynthesizer synth;
+    if (!synth.available()) {
+        EXPECT_FALSE(synth.problem().isEmpty());
+        return;
+    }
+    bool finished = false;
+    QObject::connect(&synth, &Synthesizer::finished, [&] { finished = true; });
+    synth.say("One.", "en-US", 1.05);
+    synth.stop();
+    EXPECT_TRUE(test::waitUntil([&] { return finished || !synth.available(); }, 10000));
+}
