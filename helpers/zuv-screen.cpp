@@ -1,7 +1,10 @@
 // zuv-screen: the screen helper the app keeps running. It listens on a Unix
 // socket for the agent. For now it answers "ping" with "pong"; screen capture and
 // input come later.
+#include "platform/linux/CrashHandler.h"
+
 #include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QLocalServer>
 #include <QLocalSocket>
@@ -36,6 +39,11 @@ void usage()
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
+    // Crash records go where the app's reporter looks for them.
+    const QString state = qEnvironmentVariable("XDG_STATE_HOME", QDir::homePath() + QStringLiteral("/.local/state"));
+    const QByteArray reports = QFile::encodeName(state + QStringLiteral("/Zuv/DiagnosticReports"));
+    QDir().mkpath(QString::fromLocal8Bit(reports));
+    zuv::CrashHandler::install(reports.constData(), "zuv-screen", ZUV_VERSION, ZUV_BUILD);
     const QStringList arguments = app.arguments();
     const qsizetype at = arguments.indexOf(QStringLiteral("--socket"));
     if (at < 0 || at + 1 >= arguments.size() || arguments.contains(QStringLiteral("--help"))) {

@@ -6,14 +6,21 @@
 #include "base/Defaults.h"
 #include "base/Log.h"
 #include "base/Paths.h"
+#include "diagnostics/Diagnostics.h"
+#include "install/Updates.h"
 #include "hub/MacAPI.h"
 #include "link/AppModel.h"
 #include "link/Keychain.h"
+#include "platform/linux/CrashHandler.h"
+#include "platform/linux/LinuxCrashSource.h"
 #include "platform/linux/LinuxSecretStore.h"
+#include "platform/linux/SourceUpdater.h"
 #include "platform/linux/QuitSignals.h"
 #include "settings/Models.h"
 
 #include <QApplication>
+#include <QDir>
+#include <QFile>
 #include <QNetworkAccessManager>
 #include <QCoro/QCoroTask>
 
@@ -40,6 +47,10 @@ int main(int argc, char **argv)
         break;
     }
 
+    const QByteArray reports = QFile::encodeName(Paths::diagnosticReports());
+    Paths::ensure(Paths::diagnosticReports());
+    CrashHandler::install(reports.constData(), "Zuv", ZUV_VERSION, ZUV_BUILD);
+
     RealClock clock;
     Clock::setShared(&clock);
     AppLog appLog(clock, Paths::logs());
@@ -49,6 +60,7 @@ int main(int argc, char **argv)
 
     Defaults defaults(Paths::defaultsFile());
     Defaults::setShared(&defaults);
+    Diagnostics::registerDefaults(defaults);
 
     LinuxSecretStore secrets(Paths::support());
     Keychain keychain(secrets);
@@ -64,12 +76,24 @@ int main(int argc, char **argv)
     AppModel model(clock, defaults, keychain, api, network, server);
     AppModel::setShared(&model);
 
-    AppDelegate delegate(model);
+    LinuxCrashSource crashSource;
+    const QString prefix = Paths::prefix() + QLatin1Char('/');
+    Diagnostics diagnostics(clock, defaults, api, model, crashSource,
+                            {Paths::diagnosticReports(), [prefix](const QString &path) { return path.startsWith(prefix); },
+                             QDir::homePath()});
+    Diagnostics::setShared(&diagnostics);
+
+    SourceUpdater updater;
+    Updates updates(clock, api, updater, [&model] { return model.agentBusy(); }, QApplication::arguments());
+    Updates::setShared(&updates);
+
+    AppDelegate delegate(clock, model, diagnostics, updates);
     AppModel::Hooks hooks;
     hooks.showSetup = [&delegate] { delegate.showSetup(); };
-    hooks.childFailed = [](const QString &name, int status, bool signal, const QString &) {
+    hooks.childFailed = [&diagnostics](const QString &name, int status, bool signal, const QString &tail) {
         log(QStringLiteral("%1 ended with %2 %3").arg(name, signal ? QStringLiteral("signal") : QStringLiteral("status"))
                 .arg(status));
+        diagnostics.childExited(name, status, signal, tail);
     };
     model.setHooks(std::move(hooks));
     QObject::connect(&instance, &SingleInstance::received, &delegate, &AppDelegate::open);

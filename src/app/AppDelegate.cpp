@@ -1,6 +1,12 @@
 #include "app/AppDelegate.h"
 
+#include "base/Clock.h"
+#include "base/Job.h"
+#include "diagnostics/Diagnostics.h"
+#include "install/Updates.h"
 #include "link/AppModel.h"
+
+#include <QPointer>
 
 #include <csignal>
 
@@ -10,7 +16,8 @@ namespace {
 AppDelegate *g_shared = nullptr;
 }
 
-AppDelegate::AppDelegate(AppModel &model, QObject *parent) : QObject(parent), m_model(model)
+AppDelegate::AppDelegate(Clock &clock, AppModel &model, Diagnostics &diagnostics, Updates &updates, QObject *parent)
+    : QObject(parent), m_clock(clock), m_model(model), m_diagnostics(diagnostics), m_updates(updates)
 {
     g_shared = this;
     // Until the setup window exists, the code to type and the link to scan go to app.log.
@@ -36,10 +43,26 @@ void AppDelegate::applicationDidFinishLaunching(const QStringList &arguments)
     // A child that closes its pipe must not take the app down with it.
     std::signal(SIGPIPE, SIG_IGN);
 
+    m_diagnostics.start();
+    spawn(checkMinimumForever(), QStringLiteral("The minimum build check"));
+
     m_model.startChildren();
 
     if (has(arguments, QStringLiteral("--pair")))
         m_model.startPairing();
+}
+
+QCoro::Task<void> AppDelegate::checkMinimumForever()
+{
+    QPointer<AppDelegate> self(this);
+    for (;;) {
+        co_await m_updates.checkMinimum();
+        if (!self)
+            co_return;
+        co_await m_clock.sleep(minimumCheckInterval); // an interrupted wait does not end the loop
+        if (!self)
+            co_return;
+    }
 }
 
 void AppDelegate::applicationWillTerminate()

@@ -2,17 +2,21 @@
 
 #include <QObject>
 #include <QStringList>
+#include <QCoro/QCoroTask>
 
 namespace zuv {
 
 class AppModel;
+class Clock;
+class Diagnostics;
+class Updates;
 
 // The launch order of the application and what it does with the arguments of a
 // later launch. Each step calls into the subsystem that owns it.
 class AppDelegate : public QObject {
     Q_OBJECT
 public:
-    explicit AppDelegate(AppModel &model, QObject *parent = nullptr);
+    AppDelegate(Clock &clock, AppModel &model, Diagnostics &diagnostics, Updates &updates, QObject *parent = nullptr);
     ~AppDelegate() override;
 
     static AppDelegate *shared();
@@ -26,10 +30,16 @@ public:
     // Whether `flag` occurs among the arguments. Flags have no parser on purpose.
     static bool has(const QStringList &arguments, const QString &flag);
 
+    static constexpr double minimumCheckInterval = 21600; // six hours
+
 private:
     void logPairing();
+    QCoro::Task<void> checkMinimumForever();
 
+    Clock &m_clock;
     AppModel &m_model;
+    Diagnostics &m_diagnostics;
+    Updates &m_updates;
 };
 
 } // namespace zuv

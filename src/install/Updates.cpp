@@ -1,8 +1,116 @@
 #include "install/Updates.h"
 
+#include "base/Clock.h"
+#include "base/Job.h"
+#include "base/Json.h"
+#include "hub/MacAPI.h"
+#include "platform/Updater.h"
+
+#include <QPointer>
+
 namespace zuv {
+
+namespace {
+
+Updates *g_shared = nullptr;
+
+// The one key of "/app/me" read here.
+struct Minimum {
+    std::optional<QString> minMacBuild;
+    static Minimum fromJson(const QJsonObject &o) { return {json::optional<QString>(o, QStringLiteral("minMacBuild"))}; }
+};
+
+} // namespace
+
+Updates::Updates(Clock &clock, MacAPI &api, Updater &updater, std::function<bool()> busy, const QStringList &arguments,
+                 QObject *parent)
+    : QObject(parent), m_clock(clock), m_api(api), m_updater(updater), m_busy(std::move(busy))
+{
+    if (arguments.contains(QStringLiteral("--update-now")))
+        m_updater.checkInBackground();
+}
+
+Updates &Updates::shared()
+{
+    Q_ASSERT(g_shared);
+    return *g_shared;
+}
+
+void Updates::setShared(Updates *updates) { g_shared = updates; }
 
 QString Updates::build() { return QStringLiteral(ZUV_BUILD); }
 QString Updates::shortVersion() { return QStringLiteral(ZUV_VERSION); }
+
+std::optional<double> Updates::rank(const QString &text)
+{
+    if (text.isEmpty() || text.size() > 12)
+        return std::nullopt;
+    for (QChar c : text)
+        if (c < QLatin1Char('0') || c > QLatin1Char('9'))
+            return std::nullopt;
+    bool ok = false;
+    const double value = text.toDouble(&ok);
+    if (!ok)
+        return std::nullopt;
+    return text.size() == 12 ? value / 1e12 : value + 1.0;
+}
+
+QCoro::Task<void> Updates::checkMinimum()
+{
+    QPointer<Updates> self(this);
+    std::optional<QString> minimum;
+    try {
+        minimum = (co_await m_api.get<Minimum>(QStringLiteral("/app/me"))).minMacBuild;
+    } catch (const std::exception &) {
+        co_return; // an unreachable hub changes nothing
+    }
+    if (!self || !minimum)
+        co_return;
+    const auto want = rank(*minimum);
+    const auto have = rank(build());
+    if (!want || !have)
+        co_return;
+    const bool was = m_required;
+    m_required = *have < *want;
+    if (m_required != was)
+        emit requiredChanged();
+    if (m_required && !was) {
+        emit activate();
+        m_updater.checkForUpdates();
+    }
+}
+
+void Updates::willInstallOnQuit(std::function<void()> install)
+{
+    m_pending = std::move(install);
+    installWhenIdle();
+}
+
+void Updates::installWhenIdle()
+{
+    if (!m_pending)
+        return;
+    if (!m_pendingSince)
+        m_pendingSince = m_clock.now();
+    if (m_busy && m_busy() && m_clock.now() - *m_pendingSince <= longestWait) {
+        if (!m_waiting) // a replaced block joins the wait already under way
+            spawn(retryLater(), QStringLiteral("Waiting to install the update"));
+        return;
+    }
+    m_pendingSince.reset();
+    auto install = std::exchange(m_pending, {});
+    install();
+}
+
+QCoro::Task<void> Updates::retryLater()
+{
+    QPointer<Updates> self(this);
+    m_waiting = true;
+    co_await m_clock.sleep(idleStep);
+    if (!self)
+        co_return;
+    m_waiting = false;
+    installWhenIdle();
+}
 
 } // namespace zuv

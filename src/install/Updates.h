@@ -1,16 +1,68 @@
 #pragma once
 
+#include <QObject>
 #include <QString>
+#include <QStringList>
+#include <QCoro/QCoroTask>
+
+#include <functional>
+#include <optional>
 
 namespace zuv {
 
-// What this build is, as the hub and the agent are told.
-class Updates {
+class Clock;
+class MacAPI;
+class Updater;
+
+// The update rules of our own: the minimum build the hub can demand, and installing
+// a downloaded update when nothing is running rather than in the middle of a task.
+class Updates : public QObject {
+    Q_OBJECT
 public:
+    // `busy` tells whether work is under way (a reply awaited, a session working,
+    // the agent busy).
+    Updates(Clock &clock, MacAPI &api, Updater &updater, std::function<bool()> busy, const QStringList &arguments,
+            QObject *parent = nullptr);
+
+    static Updates &shared();
+    static void setShared(Updates *updates);
+
     // The build number (CMake cache variable ZUV_BUILD_NUMBER).
     static QString build();
     // The version, as "major.minor.patch" (the CMake project version).
     static QString shortVersion();
+    // Orders builds: every 12-digit build (a date stamp) below every other one.
+    static std::optional<double> rank(const QString &text);
+
+    bool required() const { return m_required; }
+    // Asks the hub for its minimum build ("minMacBuild" of "/app/me").
+    QCoro::Task<void> checkMinimum();
+
+    // The backend has an update ready and leaves the moment to us.
+    void willInstallOnQuit(std::function<void()> install);
+    void installWhenIdle();
+    std::optional<double> pendingSince() const { return m_pendingSince; }
+    bool pending() const { return bool(m_pending); }
+
+    static constexpr double idleStep = 60;     // seconds between looks while busy
+    static constexpr double longestWait = 7200; // then it installs anyway
+
+signals:
+    void requiredChanged();
+    // The app should come to the front for the update dialog.
+    void activate();
+
+private:
+    QCoro::Task<void> retryLater();
+
+    Clock &m_clock;
+    MacAPI &m_api;
+    Updater &m_updater;
+    std::function<bool()> m_busy;
+    bool m_required = false;
+    std::function<void()> m_pending;
+    std::optional<double> m_pendingSince;
+    bool m_waiting = false;
 };
 
 } // namespace zuv

@@ -1,0 +1,138 @@
+#include "base/Clock.h"
+#include "hub/MacAPI.h"
+#include "install/Updates.h"
+#include "link/Keychain.h"
+#include "platform/Updater.h"
+
+#include "FakeSecretStore.h"
+#include "Support.h"
+#include "TestHub.h"
+
+#include <gtest/gtest.h>
+
+#include <QNetworkAccessManager>
+
+using namespace zuv;
+using test::TestHub;
+
+namespace {
+
+struct FakeUpdater final : Updater {
+    int dialogs = 0;
+    int background = 0;
+    void checkForUpdates() override { ++dialogs; }
+    void checkInBackground() override { ++background; }
+};
+
+class UpdatesTest : public ::testing::Test {
+protected:
+    UpdatesTest() : keychain(store), api(clock, keychain, network, hub.url()), updates(clock, api, updater, [this] { return busy; }, {})
+    {
+        keychain.setToken(QStringLiteral("agent"));
+        hub.on("POST", "/agent/app-token", TestHub::json(QJsonObject{{"accessToken", "a"}, {"expiresAt", 4e12}}));
+    }
+
+    void minimum(const QJsonValue &value)
+    {
+        QJsonObject me{{"user", QJsonObject{{"id", "u"}}}, {"owner", false}};
+        if (!value.isUndefined())
+            me.insert("minMacBuild", value);
+        hub.on("GET", "/app/me", TestHub::json(me));
+    }
+
+    TestClock clock;
+    test::FakeSecretStore store;
+    Keychain keychain;
+    QNetworkAccessManager network;
+    TestHub hub;
+    MacAPI api;
+    FakeUpdater updater;
+    bool busy = false;
+    Updates updates;
+};
+
+} // namespace
+
+TEST(UpdatesRank, twelveDigitBuildsRankBelowAllOthers)
+{
+    EXPECT_DOUBLE_EQ(*Updates::rank("250101120000"), 0.25010112);
+    EXPECT_DOUBLE_EQ(*Updates::rank("3"), 4.0);
+    EXPECT_LT(*Updates::rank("999999999999"), *Updates::rank("1"));
+    EXPECT_FALSE(Updates::rank("3a"));
+    EXPECT_FALSE(Updates::rank("1234567890123"));
+    EXPECT_FALSE(Updates::rank(""));
+    EXPECT_FALSE(Updates::rank("-1"));
+    EXPECT_FALSE(Updates::rank("1.5"));
+}
+
+TEST_F(UpdatesTest, theMinimumIsShownOnceAndClearsWhenLowered)
+{
+    ASSERT_EQ(Updates::build(), "1") << "this test assumes the default build number";
+    minimum("1");
+    test::await(updates.checkMinimum());
+    EXPECT_FALSE(updates.required()) << "a minimum equal to our build";
+
+    minimum("2");
+    test::await(updates.checkMinimum());
+    EXPECT_TRUE(updates.required());
+    EXPECT_EQ(updater.dialogs, 1);
+    test::await(updates.checkMinimum());
+    EXPECT_EQ(updater.dialogs, 1) << "not shown again while it stays required";
+
+    minimum("2b");
+    test::await(updates.checkMinimum());
+    EXPECT_TRUE(updates.required()) << "a minimum without a rank changes nothing";
+    minimum(QJsonValue());
+    test::await(updates.checkMinimum());
+    EXPECT_TRUE(updates.required());
+    hub.on("GET", "/app/me", TestHub::error(502));
+    test::await(updates.checkMinimum());
+    EXPECT_TRUE(updates.required());
+
+    minimum("250101120000");
+    test::await(updates.checkMinimum());
+    EXPECT_FALSE(updates.required()) << "a date-stamped minimum ranks below build 1";
+}
+
+TEST_F(UpdatesTest, aBusyComputerDelaysInstallingForAtMostTwoHours)
+{
+    busy = true;
+    int installed = 0;
+    updates.willInstallOnQuit([&] { ++installed; });
+    EXPECT_EQ(updates.pendingSince(), clock.now());
+    const double since = clock.now();
+    for (int step = 0; step < 120; ++step)
+        clock.advance(60);
+    EXPECT_EQ(installed, 0) << "at exactly two hours it still waits";
+    EXPECT_EQ(clock.sleepers(), 1);
+    clock.advance(60);
+    EXPECT_EQ(installed, 1) << "installs once the two hours are over";
+    EXPECT_FALSE(updates.pendingSince());
+    EXPECT_NEAR(clock.now() - since, 7260, 0.001);
+}
+
+TEST_F(UpdatesTest, aSecondBlockReplacesTheFirstAndKeepsTheWait)
+{
+    busy = true;
+    QStringList installed;
+    updates.willInstallOnQuit([&] { installed << "first"; });
+    const auto since = updates.pendingSince();
+    clock.advance(90);
+    updates.willInstallOnQuit([&] { installed << "second"; });
+    EXPECT_EQ(updates.pendingSince(), since);
+    EXPECT_EQ(clock.sleepers(), 1) << "one wait, not two";
+    busy = false;
+    clock.advance(60);
+    EXPECT_EQ(installed, (QStringList{"second"}));
+
+    // Idle at once: installs at once.
+    updates.willInstallOnQuit([&] { installed << "third"; });
+    EXPECT_EQ(installed.last(), "third");
+}
+
+TEST_F(UpdatesTest, updateNowLooksAtOnce)
+{
+    FakeUpdater other;
+    Updates now(clock, api, other, [] { return false; }, {"zuv", "--update-now"});
+    EXPECT_EQ(other.background, 1);
+}
