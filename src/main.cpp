@@ -11,12 +11,16 @@
 #include "hub/MacAPI.h"
 #include "link/AppModel.h"
 #include "link/Keychain.h"
+#include "platform/linux/Cld2LanguageDetector.h"
 #include "platform/linux/CrashHandler.h"
 #include "platform/linux/LinuxCrashSource.h"
 #include "platform/linux/LinuxSecretStore.h"
 #include "platform/linux/SourceUpdater.h"
+#include "platform/linux/QtSynthesizer.h"
 #include "platform/linux/QuitSignals.h"
 #include "settings/Models.h"
+#include "settings/SettingsModel.h"
+#include "voice/Speaker.h"
 
 #include <QApplication>
 #include <QDir>
@@ -75,6 +79,13 @@ int main(int argc, char **argv)
     MacAPI::setShared(&api);
     AppModel model(clock, defaults, keychain, api, network, server);
     AppModel::setShared(&model);
+    SettingsModel settings(api, models);
+    SettingsModel::setShared(&settings);
+
+    QtSynthesizer synthesizer;
+    Cld2LanguageDetector languages;
+    Speaker speaker(synthesizer, languages);
+    Narrator::setShared(&speaker);
 
     LinuxCrashSource crashSource;
     const QString prefix = Paths::prefix() + QLatin1Char('/');
