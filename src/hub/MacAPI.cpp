@@ -20,8 +20,6 @@ MacAPI *g_shared = nullptr;
 constexpr double tokenMargin = 120;  // seconds an access token must still live to be used
 constexpr double mediaLinkLife = 720; // seconds a signed media link is trusted
 
-QString tr(const char *text) { return QCoreApplication::translate("MacAPI", text); }
-
 [[noreturn]] void gone() { throw NetworkError(QStringLiteral("The request was cancelled."), true); }
 
 // The hub's error body: {"error": {"message": …, "code": …}}.

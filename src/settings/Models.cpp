@@ -16,8 +16,6 @@ namespace {
 Models *g_shared = nullptr;
 const QString cacheKey = QStringLiteral("model-catalog");
 
-QString tr(const char *text) { return QCoreApplication::translate("Models", text); }
-
 QString capitalized(const QString &s)
 {
     if (s.isEmpty())
