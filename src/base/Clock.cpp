@@ -8,23 +8,7 @@
 
 namespace zuv {
 
-namespace {
-Clock *g_shared = nullptr;
-}
-
-Clock &Clock::shared()
-{
-    Q_ASSERT(g_shared);
-    return *g_shared;
-}
-
-void Clock::setShared(Clock *clock) { g_shared = clock; }
-
-Clock::~Clock()
-{
-    if (g_shared == this)
-        g_shared = nullptr;
-}
+Clock::~Clock() = default;
 
 struct SleepAwaiter {
     Clock *clock;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Shared.h"
+
 #include "base/Job.h"
 
 #include <QObject>
@@ -14,7 +16,7 @@ namespace zuv {
 
 // The only source of time for logic. now() is wall time in seconds since 1970;
 // uptime() is a continuous clock for waits. sleep() resumes on the main thread.
-class Clock : public QObject {
+class Clock : public QObject, public Shared<Clock> {
     Q_OBJECT
 public:
     ~Clock() override;
@@ -26,8 +28,6 @@ public:
     // (also when it is already cancelled) or when the clock goes away.
     QCoro::Task<bool> sleep(double seconds, CancelToken token = CancelToken());
 
-    static Clock &shared();
-    static void setShared(Clock *clock);
 
 protected:
     explicit Clock(QObject *parent = nullptr) : QObject(parent) {}

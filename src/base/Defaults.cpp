@@ -12,8 +12,6 @@ namespace zuv {
 
 namespace {
 
-Defaults *g_shared = nullptr;
-
 template<class T>
 Read<T> typed(const QJsonValue &value, bool (QJsonValue::*is)() const, T (*get)(const QJsonValue &))
 {
@@ -42,13 +40,6 @@ QString brokenName(const QString &file)
 
 Defaults::Defaults(QString file, QObject *parent) : QObject(parent), m_file(std::move(file)) { load(); }
 
-Defaults &Defaults::shared()
-{
-    Q_ASSERT(g_shared);
-    return *g_shared;
-}
-
-void Defaults::setShared(Defaults *defaults) { g_shared = defaults; }
 
 void Defaults::load()
 {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Shared.h"
+
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QJsonValue>
@@ -27,15 +29,13 @@ struct Read {
 // The user's local settings: one JSON object in a file, values keeping their JSON
 // types. Registered defaults live in memory only and answer for absent keys.
 // Every change is written at once, atomically.
-class Defaults : public QObject {
+class Defaults : public QObject, public Shared<Defaults> {
     Q_OBJECT
 public:
     // Loads `file`. A file that is not a JSON object is moved aside (".broken")
     // and logged; the app goes on with the registered defaults.
     explicit Defaults(QString file, QObject *parent = nullptr);
 
-    static Defaults &shared();
-    static void setShared(Defaults *defaults);
 
     void registerDefaults(const QJsonObject &values);
 

@@ -24,8 +24,6 @@ namespace zuv {
 
 namespace {
 
-Diagnostics *g_shared = nullptr;
-
 const QString enabledKey = QStringLiteral("share-diagnostics");
 const QString sinceKey = QStringLiteral("diagnostics-since");
 const QString sentKey = QStringLiteral("diagnostics-sent");
@@ -69,13 +67,6 @@ Diagnostics::Diagnostics(Clock &clock, Defaults &defaults, MacAPI &api, AppModel
 {
 }
 
-Diagnostics &Diagnostics::shared()
-{
-    Q_ASSERT(g_shared);
-    return *g_shared;
-}
-
-void Diagnostics::setShared(Diagnostics *diagnostics) { g_shared = diagnostics; }
 
 void Diagnostics::registerDefaults(Defaults &defaults) { defaults.registerDefaults({{enabledKey, true}}); }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Shared.h"
+
 #include "diagnostics/CrashLog.h"
 
 #include <QJsonObject>
@@ -21,7 +23,7 @@ class MacAPI;
 // helpers, and unexpected exits of the children. Nothing leaves with sharing off
 // or while unpaired; a log line leaves only through the allow-list of safeTail;
 // a crash is sent once.
-class Diagnostics : public QObject {
+class Diagnostics : public QObject, public Shared<Diagnostics> {
     Q_OBJECT
 public:
     struct Setup {
@@ -33,8 +35,6 @@ public:
     Diagnostics(Clock &clock, Defaults &defaults, MacAPI &api, AppModel &model, CrashSource &crashes, Setup setup,
                 QObject *parent = nullptr);
 
-    static Diagnostics &shared();
-    static void setShared(Diagnostics *diagnostics);
     static void registerDefaults(Defaults &defaults);
 
     bool enabled() const;

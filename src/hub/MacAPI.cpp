@@ -15,8 +15,6 @@ namespace zuv {
 
 namespace {
 
-MacAPI *g_shared = nullptr;
-
 constexpr double tokenMargin = 120;  // seconds an access token must still live to be used
 constexpr double mediaLinkLife = 720; // seconds a signed media link is trusted
 
@@ -76,13 +74,6 @@ MacAPI::MacAPI(Clock &clock, Keychain &keychain, QNetworkAccessManager &network,
 {
 }
 
-MacAPI &MacAPI::shared()
-{
-    Q_ASSERT(g_shared);
-    return *g_shared;
-}
-
-void MacAPI::setShared(MacAPI *api) { g_shared = api; }
 
 QString MacAPI::encodeQueryValue(const QString &value)
 {

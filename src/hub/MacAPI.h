@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Shared.h"
+
 #include "base/Error.h"
 #include "base/Job.h"
 #include "base/Json.h"
@@ -25,7 +27,7 @@ class Keychain;
 // The app's one door to the hub: JSON requests with short-lived access tokens
 // exchanged from the agent token, uploads streamed from disk, signed media links
 // and the chat socket. Lives on the main thread; Qt networking never blocks it.
-class MacAPI : public QObject {
+class MacAPI : public QObject, public Shared<MacAPI> {
     Q_OBJECT
 public:
     class Failure : public Error {
@@ -75,8 +77,6 @@ public:
     MacAPI(Clock &clock, Keychain &keychain, QNetworkAccessManager &network, QUrl server,
            QObject *parent = nullptr);
 
-    static MacAPI &shared();
-    static void setShared(MacAPI *api);
 
     QUrl server() const { return m_server; }
 

@@ -12,8 +12,6 @@ namespace zuv {
 
 namespace {
 
-Updates *g_shared = nullptr;
-
 // The one key of "/app/me" read here.
 struct Minimum {
     std::optional<QString> minMacBuild;
@@ -30,13 +28,6 @@ Updates::Updates(Clock &clock, MacAPI &api, Updater &updater, std::function<bool
         m_updater.checkInBackground();
 }
 
-Updates &Updates::shared()
-{
-    Q_ASSERT(g_shared);
-    return *g_shared;
-}
-
-void Updates::setShared(Updates *updates) { g_shared = updates; }
 
 QString Updates::build() { return QStringLiteral(ZUV_BUILD); }
 QString Updates::shortVersion() { return QStringLiteral(ZUV_VERSION); }

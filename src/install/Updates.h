@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Shared.h"
+
 #include <QObject>
 #include <QString>
 #include <QStringList>
@@ -16,7 +18,7 @@ class Updater;
 
 // The update rules of our own: the minimum build the hub can demand, and installing
 // a downloaded update when nothing is running rather than in the middle of a task.
-class Updates : public QObject {
+class Updates : public QObject, public Shared<Updates> {
     Q_OBJECT
 public:
     // `busy` tells whether work is under way (a reply awaited, a session working,
@@ -24,8 +26,6 @@ public:
     Updates(Clock &clock, MacAPI &api, Updater &updater, std::function<bool()> busy, const QStringList &arguments,
             QObject *parent = nullptr);
 
-    static Updates &shared();
-    static void setShared(Updates *updates);
 
     // The build number (CMake cache variable ZUV_BUILD_NUMBER).
     static QString build();

@@ -23,8 +23,6 @@ namespace zuv {
 
 namespace {
 
-AppModel *g_shared = nullptr;
-
 constexpr double pollInterval = 2;     // seconds between pairing polls
 constexpr double replacedWindow = 60;  // a second replacement within this many seconds is told
 constexpr double replacedSettle = 30;  // the link must hold this long before the text goes
@@ -64,17 +62,8 @@ AppModel::AppModel(Clock &clock, Defaults &defaults, Keychain &keychain, MacAPI 
 AppModel::~AppModel()
 {
     m_pairTask.cancel();
-    if (g_shared == this)
-        g_shared = nullptr;
 }
 
-AppModel &AppModel::shared()
-{
-    Q_ASSERT(g_shared);
-    return *g_shared;
-}
-
-void AppModel::setShared(AppModel *model) { g_shared = model; }
 
 QUrl AppModel::defaultServer() { return QUrl(QStringLiteral(ZUV_DEFAULT_HUB)); }
 

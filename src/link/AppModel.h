@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Shared.h"
+
 #include "base/Job.h"
 #include "link/Child.h"
 
@@ -24,7 +26,7 @@ class MacAPI;
 
 // The main-thread state of this computer's link to the account: pairing, the
 // agent token, and the one line of trouble shown to the user.
-class AppModel : public QObject {
+class AppModel : public QObject, public Shared<AppModel> {
     Q_OBJECT
 public:
     struct Pairing {
@@ -83,8 +85,6 @@ public:
              QUrl server, Locations locations = Locations::installed(), QObject *parent = nullptr);
     ~AppModel() override;
 
-    static AppModel &shared();
-    static void setShared(AppModel *model);
 
     // The hub's base address: the defaults string "server" when it is an http(s)
     // address, else the built-in endpoint. A bad value is logged and ignored.

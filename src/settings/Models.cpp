@@ -13,7 +13,6 @@ namespace zuv {
 
 namespace {
 
-Models *g_shared = nullptr;
 const QString cacheKey = QStringLiteral("model-catalog");
 
 QString capitalized(const QString &s)
@@ -38,13 +37,6 @@ Models::Models(Clock &clock, Defaults &defaults, QObject *parent)
     }
 }
 
-Models &Models::shared()
-{
-    Q_ASSERT(g_shared);
-    return *g_shared;
-}
-
-void Models::setShared(Models *models) { g_shared = models; }
 
 const std::vector<ModelOption> &Models::fallbackClaude()
 {

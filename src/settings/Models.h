@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Shared.h"
+
 #include "settings/ModelCatalog.h"
 
 #include <QObject>
@@ -14,13 +16,11 @@ class Defaults;
 
 // The latest model catalogue from the hub, kept across launches under
 // "model-catalog", and the display names of model and effort ids.
-class Models : public QObject {
+class Models : public QObject, public Shared<Models> {
     Q_OBJECT
 public:
     Models(Clock &clock, Defaults &defaults, QObject *parent = nullptr);
 
-    static Models &shared();
-    static void setShared(Models *models);
 
     const std::optional<ModelCatalog> &catalog() const { return m_catalog; }
     // When the catalogue was last offered by the hub; the distant past at first.

@@ -8,22 +8,11 @@
 
 namespace zuv {
 
-namespace {
-SettingsModel *g_shared = nullptr;
-} // namespace
-
 SettingsModel::SettingsModel(MacAPI &api, Models &models, QObject *parent)
     : QObject(parent), m_api(api), m_models(models)
 {
 }
 
-SettingsModel &SettingsModel::shared()
-{
-    Q_ASSERT(g_shared);
-    return *g_shared;
-}
-
-void SettingsModel::setShared(SettingsModel *model) { g_shared = model; }
 
 void SettingsModel::setError(const std::optional<QString> &error)
 {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Shared.h"
+
 #include "settings/Overview.h"
 #include "settings/ScheduleSpec.h"
 
@@ -17,13 +19,11 @@ class Models;
 // What the hub says about the account, behind the settings window, the sidebar's
 // schedules and the new-session sheet. Every change goes through `call`, which
 // reloads the whole picture afterwards: changes never patch local state.
-class SettingsModel : public QObject {
+class SettingsModel : public QObject, public Shared<SettingsModel> {
     Q_OBJECT
 public:
     SettingsModel(MacAPI &api, Models &models, QObject *parent = nullptr);
 
-    static SettingsModel &shared();
-    static void setShared(SettingsModel *model);
 
     const std::optional<Overview> &overview() const { return m_overview; }
     const std::optional<Me> &me() const { return m_me; }

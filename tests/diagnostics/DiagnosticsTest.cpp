@@ -212,9 +212,11 @@ TEST_F(DiagnosticsTest, aChildExitDuringAScanGivesExactlyOneMoreScan)
     for (const auto &b : exits)
         summaries << b["summary"].toString();
     EXPECT_TRUE(summaries.contains("zuv-screen killed by signal 11"));
-    for (const auto &b : exits)
-        if (b["kind"].toString() == "exit")
+    for (const auto &b : exits) {
+        if (b["kind"].toString() == "exit") {
             EXPECT_EQ(b["source"].toString(), "mac");
+        }
+    }
     EXPECT_TRUE(posted().contains(QJsonObject{{"source", "mac"},
                                               {"kind", "exit"},
                                               {"summary", "zuv-screen killed by signal 11"},
