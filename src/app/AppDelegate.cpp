@@ -48,6 +48,11 @@ void AppDelegate::applicationDidFinishLaunching(const QStringList &arguments)
 
     m_model.startChildren();
 
+    // The setup guide comes with the permissions check; until then an unpaired
+    // computer is told how to pair.
+    if (m_model.pairing().state != AppModel::Pairing::State::paired)
+        showSetup();
+
     if (has(arguments, QStringLiteral("--pair")))
         m_model.startPairing();
 }
