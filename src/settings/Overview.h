@@ -2,7 +2,7 @@
 
 #include "settings/MemoryNote.h"
 #include "settings/ModelCatalog.h"
-#include "settings/ScheduleSpec.h"
+#include "settings/Schedule.h"
 
 #include <QJsonObject>
 #include <QString>

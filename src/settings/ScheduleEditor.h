@@ -1,7 +1,7 @@
 #pragma once
 
 #include "settings/Overview.h"
-#include "settings/ScheduleSpec.h"
+#include "settings/Schedule.h"
 
 #include <QDateTime>
 #include <QString>
@@ -13,7 +13,7 @@
 namespace zuv {
 
 // The state of the schedule editor and what it decides: defaults, filling from a
-// schedule, the spec and target it saves, and when Save is possible.
+// schedule, the timing and target it saves, and when Save is possible.
 struct ScheduleEditor {
     struct Template {
         QString title;

@@ -3,7 +3,7 @@
 #include "base/Shared.h"
 
 #include "settings/Overview.h"
-#include "settings/ScheduleSpec.h"
+#include "settings/Schedule.h"
 
 #include <QJsonValue>
 #include <QObject>

@@ -58,7 +58,7 @@ protected:
                 {home.file("helpers"), home.file("agent"), home.file("data"), home.file("logs")})
     {
         QDir().mkpath(reports());
-        hub.on("POST", "/agent/app-token", TestHub::json(QJsonObject{{"accessToken", "a"}, {"expiresAt", 4e12}}));
+        hub.grantTokens();
         hub.on("POST", "/app/diagnostics", TestHub::json(QJsonObject{}));
         Diagnostics::registerDefaults(defaults);
     }

@@ -29,7 +29,7 @@ protected:
     UpdatesTest() : keychain(store), api(clock, keychain, network, hub.url()), updates(clock, api, updater, [this] { return busy; }, {})
     {
         keychain.setToken(QStringLiteral("agent"));
-        hub.on("POST", "/agent/app-token", TestHub::json(QJsonObject{{"accessToken", "a"}, {"expiresAt", 4e12}}));
+        hub.grantTokens();
     }
 
     void minimum(const QJsonValue &value)

@@ -187,7 +187,7 @@ TEST_F(AppModelTest, unpairStopsEverythingButTheScreen)
 {
     keychain.setToken(QStringLiteral("old"));
     defaults.set("pairedOwner", true);
-    hub.on("POST", "/agent/app-token", TestHub::json(QJsonObject{{"accessToken", "a"}, {"expiresAt", 2e12}}));
+    hub.grantTokens();
     test::await(api.token());
     hub.on("POST", "/pair/start", start("Z"));
     hub.on("POST", "/pair/poll", poll("pending"));

@@ -1,6 +1,6 @@
 #include "settings/MemoryNote.h"
 #include "settings/ScheduleEditor.h"
-#include "settings/ScheduleSpec.h"
+#include "settings/Schedule.h"
 
 #include "Support.h"
 

@@ -105,6 +105,12 @@ void TestHub::sequence(const QByteArray &method, const QString &path, std::vecto
     });
 }
 
+void TestHub::grantTokens()
+{
+    on("POST", "/agent/app-token", json(QJsonObject{{QStringLiteral("accessToken"), QStringLiteral("access")},
+                                                    {QStringLiteral("expiresAt"), 4e12}}));
+}
+
 TestHub::Response TestHub::json(const QJsonValue &value, int status)
 {
     Response r;

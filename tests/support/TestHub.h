@@ -56,6 +56,9 @@ public:
     // Answers the next calls in order; the last one repeats.
     void sequence(const QByteArray &method, const QString &path, std::vector<Response> responses);
 
+    // Answers every token exchange with one access token that lives for years.
+    void grantTokens();
+
     static Response json(const QJsonValue &value, int status = 200);
     static Response error(int status, const QString &message = {}, const QString &code = {});
 

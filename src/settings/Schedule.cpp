@@ -1,4 +1,4 @@
-#include "settings/ScheduleSpec.h"
+#include "settings/Schedule.h"
 
 #include "base/Json.h"
 
