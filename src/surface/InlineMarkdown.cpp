@@ -486,6 +486,7 @@ private:
     InlineText output() const
     {
         InlineText out;
+        out.runs.reserve(pieces.size());
         int open[3] = {0, 0, 0};
         auto intents = [&](const Piece &p) {
             Intent i = p.fixed;
@@ -547,8 +548,14 @@ struct Flat {
     InlineText runs() const
     {
         InlineText out;
-        for (qsizetype k = 0; k < text.size(); ++k)
-            out.append(QString(text[k]), intents[size_t(k)], links[size_t(k)]);
+        for (qsizetype start = 0; start < text.size();) {
+            qsizetype end = start + 1;
+            while (end < text.size() && intents[size_t(end)] == intents[size_t(start)]
+                   && links[size_t(end)] == links[size_t(start)])
+                ++end;
+            out.append(text.mid(start, end - start), intents[size_t(start)], links[size_t(start)]);
+            start = end;
+        }
         return out;
     }
 };

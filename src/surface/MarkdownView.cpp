@@ -97,20 +97,28 @@ int leadingSpaces(QStringView raw)
 
 struct Builder {
     MarkdownView::Blocks out;
-    QStringList paragraph;
+    QString paragraph; // its lines joined by line feeds, as they come
+    bool inParagraph = false;
     std::vector<MarkdownView::Item> items;
     QStringList quote;
     QStringList table;
 
+    void addToParagraph(QStringView line)
+    {
+        if (inParagraph)
+            paragraph += QLatin1Char('\n');
+        paragraph += line;
+        inParagraph = true;
+    }
     void flushParagraph()
     {
-        if (paragraph.isEmpty())
+        if (!inParagraph)
             return;
         MarkdownView::Block b;
         b.kind = MarkdownView::Block::Kind::paragraph;
-        b.text = paragraph.join(QLatin1Char('\n'));
+        b.text = std::exchange(paragraph, QString());
         out.push_back(std::move(b));
-        paragraph.clear();
+        inParagraph = false;
     }
     void flushList()
     {
@@ -240,7 +248,7 @@ MarkdownView::Blocks MarkdownView::parse(const QString &text)
         b.flushList();
         b.flushQuote();
         b.flushTable();
-        b.paragraph.append(raw.toString());
+        b.addToParagraph(raw);
     }
     if (fence)
         b.add(Block::Kind::code, fence->join(QLatin1Char('\n')));
