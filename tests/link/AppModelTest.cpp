@@ -55,6 +55,9 @@ protected:
     ~AppModelTest() override { setLogSink({}); }
 
     int polls() const { return hub.count("POST", "/pair/poll"); }
+    // The poll loop sleeps again only once the client has read the last answer;
+    // time must not move on before that.
+    bool pollerAsleep() { return test::waitUntil([&] { return clock.sleepers() == 1; }); }
     bool showing(const QString &code) const { return model.pairing() == AppModel::Pairing::showing(code); }
 
     TestClock clock;
@@ -87,7 +90,7 @@ TEST_F(AppModelTest, pairsAfterPollingAndStoresTheToken)
     EXPECT_TRUE(logged.contains("pairing code ABC123"));
 
     for (int expected = 1; expected <= 4; ++expected) {
-        test::spin(20);
+        ASSERT_TRUE(pollerAsleep());
         EXPECT_EQ(polls(), expected - 1) << "no poll before two seconds have passed";
         clock.advance(1.9);
         test::spin(20);
@@ -174,6 +177,7 @@ TEST_F(AppModelTest, twoPressesGiveOnePollingLoop)
     EXPECT_FALSE(model.lastError()) << "a cancelled attempt says nothing";
 
     for (int i = 1; i <= 3; ++i) {
+        ASSERT_TRUE(pollerAsleep());
         clock.advance(2);
         ASSERT_TRUE(test::waitUntil([&] { return polls() == i; }));
         test::spin(30);
