@@ -1,10 +1,10 @@
 // zuv-screen: the screen helper the app keeps running. It listens on a Unix
 // socket for the agent. For now it answers "ping" with "pong"; screen capture and
 // input come later.
+#include "base/Paths.h"
 #include "platform/linux/CrashHandler.h"
 
 #include <QCoreApplication>
-#include <QDir>
 #include <QFile>
 #include <QLocalServer>
 #include <QLocalSocket>
@@ -40,9 +40,8 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     // Crash records go where the app's reporter looks for them.
-    const QString state = qEnvironmentVariable("XDG_STATE_HOME", QDir::homePath() + QStringLiteral("/.local/state"));
-    const QByteArray reports = QFile::encodeName(state + QStringLiteral("/Zuv/DiagnosticReports"));
-    QDir().mkpath(QString::fromLocal8Bit(reports));
+    zuv::Paths::ensure(zuv::Paths::diagnosticReports());
+    const QByteArray reports = QFile::encodeName(zuv::Paths::diagnosticReports());
     zuv::CrashHandler::install(reports.constData(), "zuv-screen", ZUV_VERSION, ZUV_BUILD);
     const QStringList arguments = app.arguments();
     const qsizetype at = arguments.indexOf(QStringLiteral("--socket"));

@@ -16,7 +16,6 @@ QString AppLog::file() const { return m_folder + QStringLiteral("/app.log"); }
 
 void AppLog::write(const QString &line) const
 {
-    Paths::ensure(m_folder);
     const auto time = QDateTime::fromMSecsSinceEpoch(qint64(m_clock.now() * 1000), Qt::UTC);
     const QByteArray text = (time.toString(Qt::ISODate) + QLatin1Char(' ') + line + QLatin1Char('\n')).toUtf8();
     QFile out(file());
@@ -24,6 +23,8 @@ void AppLog::write(const QString &line) const
         out.write(text);
         return;
     }
+    // The first line ever, or a folder removed meanwhile.
+    Paths::ensure(m_folder);
     QSaveFile fresh(file());
     if (fresh.open(QIODevice::WriteOnly)) {
         fresh.write(text);

@@ -116,6 +116,14 @@ QCoro::Task<Reply> send(QNetworkAccessManager &network, QNetworkRequest request,
     co_return watch->result();
 }
 
+QUrl appendPath(const QUrl &base, const QString &path)
+{
+    QString address = base.toString(QUrl::FullyEncoded);
+    while (address.endsWith(QLatin1Char('/')))
+        address.chop(1);
+    return QUrl(address + path);
+}
+
 void requireHttp(const Reply &reply)
 {
     if (!reply.http)

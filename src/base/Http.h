@@ -29,6 +29,9 @@ QCoro::Task<Reply> send(QNetworkAccessManager &network, QNetworkRequest request,
 // The request's time-out: the longest silence allowed, in seconds.
 void setTimeout(QNetworkRequest &request, double seconds);
 
+// `base` with `path` ("/pair/start") appended as a path, whatever slashes `base` ends in.
+QUrl appendPath(const QUrl &base, const QString &path);
+
 // Throws NetworkError for a reply that carried no HTTP answer.
 void requireHttp(const Reply &reply);
 

@@ -100,10 +100,7 @@ QCoro::Task<QString> MacAPI::token(CancelToken cancel)
     if (!agentToken)
         throw Failure::notPaired();
 
-    QString base = m_server.toString(QUrl::FullyEncoded);
-    while (base.endsWith(QLatin1Char('/')))
-        base.chop(1);
-    QNetworkRequest request(QUrl(base + QStringLiteral("/agent/app-token")));
+    QNetworkRequest request(http::appendPath(m_server, QStringLiteral("/agent/app-token")));
     http::setTimeout(request, 60);
     request.setRawHeader("authorization", "Bearer " + agentToken->toUtf8());
 

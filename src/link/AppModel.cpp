@@ -64,7 +64,6 @@ AppModel::~AppModel()
     m_pairTask.cancel();
 }
 
-
 QUrl AppModel::defaultServer() { return QUrl(QStringLiteral(ZUV_DEFAULT_HUB)); }
 
 QUrl AppModel::serverAddress(const Defaults &defaults)
@@ -151,10 +150,7 @@ void AppModel::setConnected(bool connected)
 template<class T>
 QCoro::Task<T> AppModel::post(QString path, QJsonObject body, CancelToken cancel)
 {
-    QString base = m_server.toString(QUrl::FullyEncoded);
-    while (base.endsWith(QLatin1Char('/')))
-        base.chop(1);
-    QNetworkRequest request(QUrl(base + path));
+    QNetworkRequest request(http::appendPath(m_server, path));
     request.setRawHeader("content-type", "application/json");
     http::setTimeout(request, 60);
     const http::Reply reply =
@@ -168,12 +164,8 @@ QCoro::Task<T> AppModel::post(QString path, QJsonObject body, CancelToken cancel
 void AppModel::startPairing()
 {
     m_pairTask.cancel();
-    QPointer<AppModel> self(this);
-    m_pairTask = Job::start([self](CancelToken cancel) -> QCoro::Task<void> {
-        if (!self)
-            return []() -> QCoro::Task<void> { co_return; }();
-        return self->pair(std::move(cancel));
-    }, QStringLiteral("Pairing"));
+    // Job::start runs the body at once, so `this` is alive here; pair() guards itself after its waits.
+    m_pairTask = Job::start([this](CancelToken cancel) { return pair(std::move(cancel)); }, QStringLiteral("Pairing"));
 }
 
 QCoro::Task<void> AppModel::pair(CancelToken cancel)

@@ -81,16 +81,18 @@ QString ScheduleSpec::summary(const QLocale &locale) const
         return tr("Every ") + QString::number(m) + tr(" minutes");
     }
     if (kind == QLatin1String("once")) {
-        if (!at)
-            return tr("Once");
-        QDateTime when = QDateTime::fromString(*at, Qt::ISODate);
-        if (!when.isValid())
-            when = QDateTime::fromString(*at, Qt::ISODateWithMs);
+        const QDateTime when = at ? moment(*at) : QDateTime();
         if (!when.isValid())
             return tr("Once");
         return tr("Once, ") + onceText(when, locale);
     }
     return kind;
+}
+
+QDateTime ScheduleSpec::moment(const QString &at)
+{
+    const QDateTime when = QDateTime::fromString(at, Qt::ISODate);
+    return when.isValid() ? when : QDateTime::fromString(at, Qt::ISODateWithMs);
 }
 
 CcTarget CcTarget::fromJson(const QJsonObject &o)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QDateTime>
 #include <QJsonObject>
 #include <QJsonValue>
 #include <QLocale>
@@ -24,6 +25,8 @@ struct ScheduleSpec {
 
     // In words, in the locale's language: "Weekdays at 08:00", "Every 2 hours", …
     QString summary(const QLocale &locale = QLocale()) const;
+    // `at` as a moment, with or without fractional seconds; invalid when it is none.
+    static QDateTime moment(const QString &at);
 };
 
 // An agent session as the way a schedule runs.

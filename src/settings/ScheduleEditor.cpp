@@ -55,10 +55,7 @@ ScheduleEditor::ScheduleEditor(const QDateTime &now, const Overview::Schedule &e
     if (spec.minutes)
         minutes = *spec.minutes;
     if (spec.at) {
-        QDateTime at = QDateTime::fromString(*spec.at, Qt::ISODate);
-        if (!at.isValid())
-            at = QDateTime::fromString(*spec.at, Qt::ISODateWithMs);
-        if (at.isValid())
+        if (const QDateTime at = ScheduleSpec::moment(*spec.at); at.isValid())
             date = at.toLocalTime();
     }
 }
