@@ -81,8 +81,6 @@ public:
     double uptime() const override { return m_up; }
 
     void advance(double seconds);
-    // Changes wall time only, as when the system clock is set.
-    void setNow(double wall) { m_wall = wall; }
     int sleepers() const { return int(m_sleepers.size()); }
     // Deadline of the earliest sleeper, in seconds from now; negative when none.
     double nextDeadline() const;

@@ -7,8 +7,6 @@
 #include <QJsonValue>
 #include <QObject>
 
-#include <optional>
-
 namespace zuv {
 
 // The result of a typed read: the key may be absent, present with the asked type,
@@ -23,7 +21,6 @@ struct Read {
     bool absent() const { return state == State::Absent; }
     bool otherType() const { return state == State::OtherType; }
     T valueOr(T fallback) const { return present() ? value : fallback; }
-    std::optional<T> optional() const { return present() ? std::optional<T>(value) : std::nullopt; }
 };
 
 // The user's local settings: one JSON object in a file, values keeping their JSON
@@ -36,12 +33,10 @@ public:
     // and logged; the app goes on with the registered defaults.
     explicit Defaults(QString file, QObject *parent = nullptr);
 
-
     void registerDefaults(const QJsonObject &values);
 
     // The stored value, else the registered one, else undefined.
     QJsonValue value(const QString &key) const;
-    bool contains(const QString &key) const { return !value(key).isUndefined(); }
 
     Read<bool> boolean(const QString &key) const;
     Read<double> number(const QString &key) const;

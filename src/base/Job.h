@@ -46,7 +46,6 @@ public:
     void cancel() const;
     bool isCancelled() const { return m_token.isCancelled(); }
     bool isRunning() const { return m_running && *m_running; }
-    const CancelToken &token() const { return m_token; }
 
 private:
     CancelToken m_token;

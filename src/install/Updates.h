@@ -42,7 +42,6 @@ public:
     void willInstallOnQuit(std::function<void()> install);
     void installWhenIdle();
     std::optional<double> pendingSince() const { return m_pendingSince; }
-    bool pending() const { return bool(m_pending); }
 
     static constexpr double idleStep = 60;     // seconds between looks while busy
     static constexpr double longestWait = 7200; // then it installs anyway

@@ -43,10 +43,8 @@ QCoro::Task<void> Keychain::writeLoop()
             co_await m_store.remove(QString::fromLatin1(service), QString::fromLatin1(account));
         }
     }
-    if (!self)
-        co_return;
-    m_saving = false;
-    emit saved();
+    if (self)
+        m_saving = false;
 }
 
 } // namespace zuv

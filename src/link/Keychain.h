@@ -32,9 +32,6 @@ public:
     // True while a change is still being written.
     bool saving() const { return m_saving; }
 
-signals:
-    void saved();
-
 private:
     QCoro::Task<void> writeLoop();
 
