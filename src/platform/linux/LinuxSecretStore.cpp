@@ -4,6 +4,7 @@
 #include "base/Paths.h"
 
 #include <QFile>
+#include <QPointer>
 #include <QSaveFile>
 #include <QCoro/QCoroSignal>
 
@@ -32,7 +33,10 @@ bool backendMissing(QKeychain::Error error)
 
 } // namespace
 
-LinuxSecretStore::LinuxSecretStore(QString fallbackFolder) : m_folder(std::move(fallbackFolder)) {}
+LinuxSecretStore::LinuxSecretStore(QString fallbackFolder, QObject *parent)
+    : QObject(parent), m_folder(std::move(fallbackFolder))
+{
+}
 
 QString LinuxSecretStore::filePath(const QString &account) const { return m_folder + QLatin1Char('/') + account; }
 
@@ -73,7 +77,10 @@ QCoro::Task<std::optional<QString>> LinuxSecretStore::read(QString service, QStr
     if (!m_usingFile) {
         auto *job = new QKeychain::ReadPasswordJob(service);
         job->setKey(account);
+        QPointer<LinuxSecretStore> self(this);
         const QKeychain::Error error = co_await run(job);
+        if (!self)
+            co_return std::nullopt;
         if (error == QKeychain::NoError) {
             const QString value = job->textData();
             co_return value.isEmpty() ? std::nullopt : std::optional<QString>(value);
@@ -91,7 +98,10 @@ QCoro::Task<bool> LinuxSecretStore::write(QString service, QString account, QStr
         auto *job = new QKeychain::WritePasswordJob(service);
         job->setKey(account);
         job->setTextData(secret);
+        QPointer<LinuxSecretStore> self(this);
         const QKeychain::Error error = co_await run(job);
+        if (!self)
+            co_return false;
         if (error == QKeychain::NoError) {
             QFile::remove(filePath(account));
             co_return true;

@@ -2,13 +2,16 @@
 
 #include "platform/SecretStore.h"
 
+#include <QObject>
+
 namespace zuv {
 
 // The Secret Service (through QtKeychain). Where none answers, a file named after
 // the account with mode 0600 in `fallbackFolder`, said once in the log.
-class LinuxSecretStore final : public SecretStore {
+class LinuxSecretStore final : public QObject, public SecretStore {
+    Q_OBJECT
 public:
-    explicit LinuxSecretStore(QString fallbackFolder);
+    explicit LinuxSecretStore(QString fallbackFolder, QObject *parent = nullptr);
 
     QCoro::Task<std::optional<QString>> read(QString service, QString account) override;
     QCoro::Task<bool> write(QString service, QString account, QString secret) override;
