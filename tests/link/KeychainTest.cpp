@@ -57,7 +57,8 @@ TEST(LinuxSecretStore, keepsTheTokenInTheSecretService)
 
 TEST(LinuxSecretStore, fallsBackToAPrivateFileWithoutASecretService)
 {
-    // No bus to find a Secret Service on.
+    // No bus to find a Secret Service on. This holds only for a process that has not
+    // reached the bus yet: CTest runs each test in a process of its own.
     qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus");
     qunsetenv("DISPLAY");
     test::TempHome home;
