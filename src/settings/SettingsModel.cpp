@@ -22,6 +22,13 @@ void SettingsModel::setError(const std::optional<QString> &error)
     emit changed();
 }
 
+void SettingsModel::setOverview(std::optional<Overview> overview)
+{
+    m_overview = std::move(overview);
+    m_models.update(m_overview ? m_overview->status.models : std::nullopt);
+    emit changed();
+}
+
 QCoro::Task<void> SettingsModel::load()
 {
     QPointer<SettingsModel> self(this);
@@ -29,9 +36,7 @@ QCoro::Task<void> SettingsModel::load()
         auto overview = co_await m_api.get<std::optional<Overview>>(QStringLiteral("/app/overview"));
         if (!self)
             co_return;
-        m_overview = std::move(overview);
-        m_models.update(m_overview ? m_overview->status.models : std::nullopt);
-        emit changed();
+        setOverview(std::move(overview));
         auto me = co_await m_api.get<Me>(QStringLiteral("/app/me"));
         if (!self)
             co_return;
@@ -41,8 +46,8 @@ QCoro::Task<void> SettingsModel::load()
     } catch (const std::exception &e) {
         if (!self)
             co_return;
-        m_error = describe(e);
         m_failed = true;
+        m_error = describe(e);
         emit changed();
     }
 }
@@ -52,11 +57,8 @@ QCoro::Task<void> SettingsModel::refreshOverview()
     QPointer<SettingsModel> self(this);
     try {
         auto overview = co_await m_api.get<std::optional<Overview>>(QStringLiteral("/app/overview"));
-        if (!self || !overview)
-            co_return;
-        m_overview = std::move(overview);
-        m_models.update(m_overview->status.models);
-        emit changed();
+        if (self && overview)
+            setOverview(std::move(overview));
     } catch (const std::exception &) {
         // A background refresh stays silent.
     }
@@ -69,10 +71,8 @@ QCoro::Task<void> SettingsModel::call(QString path, QString method, std::optiona
         // MacAPI::call forgets a stale access token and repeats the request once.
         co_await m_api.call<MacAPI::Ignored>(path, method, body);
     } catch (const std::exception &e) {
-        if (!self)
-            co_return;
-        m_error = describe(e);
-        emit changed();
+        if (self)
+            setError(describe(e));
     }
     if (!self)
         co_return;
@@ -150,10 +150,8 @@ QCoro::Task<bool> SettingsModel::deleteAccount()
         co_await m_api.call<MacAPI::Ignored>(QStringLiteral("/app/account"), QStringLiteral("DELETE"));
         co_return true;
     } catch (const std::exception &e) {
-        if (self) {
-            m_error = describe(e);
-            emit changed();
-        }
+        if (self)
+            setError(describe(e));
     }
     co_return false;
 }

@@ -52,6 +52,8 @@ signals:
     void changed();
 
 private:
+    // Stores what the hub said and hands its model catalogue on.
+    void setOverview(std::optional<Overview> overview);
     QCoro::Task<void> call(QString path, QString method, std::optional<QJsonValue> body);
 
     MacAPI &m_api;
