@@ -12,6 +12,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -55,6 +56,14 @@ int main(int argc, char **argv)
         return 71;
     std::signal(SIGTERM, onSignal);
     std::signal(SIGINT, onSignal);
+    if (arguments.contains(QStringLiteral("--managed"))) {
+        // The app sets this before exec too; saying it again here covers a start by
+        // another supervisor, and the pid check a parent that is already gone.
+        const pid_t parent = getppid();
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent || parent == 1)
+            return 0;
+    }
     QSocketNotifier notifier(signalPipe[0], QSocketNotifier::Read);
     QObject::connect(&notifier, &QSocketNotifier::activated, &app, [] { QCoreApplication::quit(); });
 

@@ -87,9 +87,10 @@ int main(int argc, char **argv)
     Speaker speaker(synthesizer, languages);
     Narrator::setShared(&speaker);
 
-    LinuxCrashSource crashSource;
     const QString prefix = Paths::prefix() + QLatin1Char('/');
-    Diagnostics diagnostics(clock, defaults, api, model, crashSource,
+    Diagnostics diagnostics(clock, defaults, api,
+                            [&model] { return model.pairing().state == AppModel::Pairing::State::paired; },
+                            std::make_shared<LinuxCrashSource>(),
                             {Paths::diagnosticReports(), [prefix](const QString &path) { return path.startsWith(prefix); },
                              QDir::homePath()});
     Diagnostics::setShared(&diagnostics);
@@ -116,6 +117,7 @@ int main(int argc, char **argv)
     QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
 
     delegate.applicationDidFinishLaunching(QApplication::arguments());
+    instance.startDelivering(); // what a second launch handed over meanwhile acts now
     const int status = QApplication::exec();
     log(QStringLiteral("Zuv quit"));
     setLogSink({});

@@ -1,7 +1,9 @@
 // The agent: holds this computer's link to the hub on /agent/ws and tells the
 // desktop app what happens through the lines it prints. The app reads these
-// markers: "hub connected", "hub closed <code>", "claude-code {…}",
-// "agent-busy {…}". Commands from the app arrive as JSON lines on stdin.
+// markers anywhere in a line, with no escaping, so the agent prints only lines of
+// its own making: never a payload, a close reason or an error text from the hub.
+// Markers: "hub connected", "hub closed <code>", "claude-code {…}". Commands from
+// the app arrive as JSON lines on stdin; the end of stdin means the app is gone.
 import { createRequire } from 'node:module';
 import { createInterface } from 'node:readline';
 import { accessSync, constants } from 'node:fs';
@@ -25,12 +27,21 @@ function say(text) {
   process.stdout.write(`${new Date().toISOString()} ${text}\n`);
 }
 
+// A word from outside enters a line only when it is a short plain identifier.
+function word(value) {
+  return typeof value === 'string' && /^[A-Za-z][\w.-]{0,39}$/.test(value) ? value : null;
+}
+
 const hubUrl = (process.env.ZUV_HUB_URL || '').replace(/^http:\/\//, 'ws://');
 const token = process.env.ZUV_AGENT_TOKEN || '';
 const WebSocket = loadWebSocket();
 
 // Exit codes: 0 when asked to stop, 75 when the app should start us again later.
 const TEMPFAIL = 75;
+// A ping every 25 s; a link with no pong for 60 s after a ping is dead (a suspend,
+// a network change) and is dropped and dialled again. Both can be shortened for tests.
+const PING_MS = Number(process.env.ZUV_AGENT_PING_MS) || 25000;
+const PONG_WAIT_MS = Number(process.env.ZUV_AGENT_PONG_WAIT_MS) || 60000;
 
 function findOnPath(command) {
   for (const dir of (process.env.PATH || '').split(':')) {
@@ -61,35 +72,69 @@ let socket = null;
 let attempt = 0;
 let stopping = false;
 let heartbeat = null;
+let pongDeadline = null;
+
+function stopHeartbeat() {
+  clearInterval(heartbeat);
+  clearTimeout(pongDeadline);
+  heartbeat = null;
+  pongDeadline = null;
+}
 
 function connect() {
-  socket = new WebSocket(hubUrl, { headers: { authorization: `Bearer ${token}` } });
-  socket.on('open', () => {
+  const current = new WebSocket(hubUrl, { headers: { authorization: `Bearer ${token}` } });
+  socket = current;
+  current.on('open', () => {
     attempt = 0;
     say('hub connected');
-    heartbeat = setInterval(() => socket.ping(), 25000);
+    heartbeat = setInterval(() => {
+      current.ping();
+      if (!pongDeadline) {
+        pongDeadline = setTimeout(() => {
+          say('hub silent: no pong in time, reconnecting');
+          current.terminate(); // 'close' follows with 1006 and dials again
+        }, PONG_WAIT_MS);
+      }
+    }, PING_MS);
   });
-  socket.on('message', (data) => {
-    say(`hub message ${String(data).slice(0, 200)}`);
+  current.on('pong', () => {
+    clearTimeout(pongDeadline);
+    pongDeadline = null;
   });
-  socket.on('unexpected-response', (request, response) => {
-    // ws prints the same words in its own error; say them once, plainly.
-    say(`Unexpected server response: ${response.statusCode}`);
+  current.on('message', (data, isBinary) => {
+    // Only the message's kind is told, never what it carries.
+    let kind = null;
+    if (!isBinary) {
+      try {
+        const message = JSON.parse(String(data));
+        kind = word(message && (message.type ?? message.kind));
+      } catch {
+        kind = null;
+      }
+    }
+    say(kind ? `hub message ${kind}` : 'hub message');
+  });
+  current.on('unexpected-response', (request, response) => {
+    // ws prints the same words in its own error; say them once, with only the status.
+    const status = Number.isInteger(response.statusCode) ? response.statusCode : 0;
+    say(`Unexpected server response: ${status}`);
     request.destroy();
     retry();
   });
-  socket.on('error', (error) => {
-    if (!String(error.message).startsWith('Unexpected server response')) say(`hub error ${error.message}`);
+  current.on('error', (error) => {
+    if (String(error.message).startsWith('Unexpected server response')) return;
+    say(`hub error ${word(error.code) || 'unknown'}`);
   });
-  socket.on('close', (code) => {
-    clearInterval(heartbeat);
-    say(`hub closed ${code}`);
-    if (stopping) return;
-    if (code === 4401) {
+  current.on('close', (code) => {
+    stopHeartbeat();
+    const number = Number.isInteger(code) ? code : 0;
+    say(`hub closed ${number}`);
+    if (stopping || socket !== current) return;
+    if (number === 4401) {
       // No longer authorised: the app unpairs and stops us.
       return;
     }
-    if (code === 4409) {
+    if (number === 4409) {
       // Another agent took the link; let the app start us again after its delay.
       process.exit(TEMPFAIL);
     }
@@ -108,18 +153,24 @@ function retry() {
   }, delay);
 }
 
-createInterface({ input: process.stdin }).on('line', (line) => {
+const input = createInterface({ input: process.stdin });
+input.on('line', (line) => {
   try {
     const command = JSON.parse(line);
-    say(`command ${Object.keys(command).join(',')}`);
+    const keys = command && typeof command === 'object' ? Object.keys(command).map(word).filter(Boolean) : [];
+    say(`command ${keys.join(',')}`);
   } catch {
     say('command ignored: not JSON');
   }
 });
+// The app holds the other end of stdin; when it closes, the app is gone.
+input.on('close', () => stop());
 
 function stop() {
+  if (stopping) return;
   stopping = true;
   clearTimeout(retryTimer);
+  stopHeartbeat();
   if (socket) socket.close(1000);
   process.exit(0);
 }

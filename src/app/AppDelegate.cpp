@@ -44,7 +44,8 @@ void AppDelegate::applicationDidFinishLaunching(const QStringList &arguments)
     std::signal(SIGPIPE, SIG_IGN);
 
     m_diagnostics.start();
-    spawn(checkMinimumForever(), QStringLiteral("The minimum build check"));
+    m_minimumCheck = Job::start([this](CancelToken token) { return checkMinimumForever(std::move(token)); },
+                                QStringLiteral("The minimum build check"));
 
     m_model.startChildren();
 
@@ -57,21 +58,24 @@ void AppDelegate::applicationDidFinishLaunching(const QStringList &arguments)
         m_model.startPairing();
 }
 
-QCoro::Task<void> AppDelegate::checkMinimumForever()
+QCoro::Task<void> AppDelegate::checkMinimumForever(CancelToken token)
 {
     QPointer<AppDelegate> self(this);
     for (;;) {
         co_await m_updates.checkMinimum();
-        if (!self)
+        if (!self || token.isCancelled())
             co_return;
-        co_await m_clock.sleep(minimumCheckInterval); // an interrupted wait does not end the loop
-        if (!self)
+        // A named result: GCC 12 miscompiles some co_await inside a condition.
+        const bool waited = co_await m_clock.sleep(minimumCheckInterval, token);
+        if (!waited || !self)
             co_return;
     }
 }
 
 void AppDelegate::applicationWillTerminate()
 {
+    m_minimumCheck.cancel();
+    m_diagnostics.stop();
     m_model.stopChildren();
 }
 

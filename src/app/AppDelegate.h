@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/Job.h"
+
 #include <QObject>
 #include <QStringList>
 #include <QCoro/QCoroTask>
@@ -34,12 +36,13 @@ public:
 
 private:
     void logPairing();
-    QCoro::Task<void> checkMinimumForever();
+    QCoro::Task<void> checkMinimumForever(CancelToken token);
 
     Clock &m_clock;
     AppModel &m_model;
     Diagnostics &m_diagnostics;
     Updates &m_updates;
+    Job m_minimumCheck;
 };
 
 } // namespace zuv

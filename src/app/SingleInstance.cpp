@@ -8,6 +8,13 @@
 #include <QLocalSocket>
 #include <QLockFile>
 #include <QThread>
+#include <QFileInfo>
+
+#include <cerrno>
+#include <cstring>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace zuv {
 
@@ -21,11 +28,21 @@ SingleInstance::~SingleInstance() = default;
 
 SingleInstance::Role SingleInstance::claim(const QStringList &arguments)
 {
-    if (!QDir().mkpath(m_folder)) {
-        m_error = QStringLiteral("Couldn't create %1").arg(m_folder);
+    // mkdir with 0700 from the start: there is no moment when others could enter.
+    const QByteArray encoded = QFile::encodeName(m_folder);
+    if (::mkdir(encoded.constData(), 0700) != 0 && errno != EEXIST) {
+        const QString parent = QFileInfo(m_folder).absolutePath();
+        if (!QDir().mkpath(parent) || (::mkdir(encoded.constData(), 0700) != 0 && errno != EEXIST)) {
+            m_error = tr("Couldn't create %1: %2").arg(m_folder, QString::fromLocal8Bit(std::strerror(errno)));
+            return Role::failed;
+        }
+    }
+    QString why;
+    if (!privateFolder(m_folder, &why)) {
+        m_error = tr("Zuv won't use %1 for its lock and socket: %2. Remove the folder, or set XDG_RUNTIME_DIR.")
+                      .arg(m_folder, why);
         return Role::failed;
     }
-    QFile::setPermissions(m_folder, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
     const QString socketPath = m_folder + QStringLiteral("/zuv.sock");
 
     // A running copy may be just starting: try a few times before giving up.
@@ -50,6 +67,36 @@ SingleInstance::Role SingleInstance::claim(const QStringList &arguments)
     }
     m_error = QStringLiteral("Another Zuv is running but did not answer.");
     return Role::failed;
+}
+
+bool SingleInstance::privateFolder(const QString &folder, QString *why)
+{
+    struct stat info {};
+    if (::lstat(QFile::encodeName(folder).constData(), &info) != 0) {
+        *why = QString::fromLocal8Bit(std::strerror(errno));
+        return false;
+    }
+    if (!S_ISDIR(info.st_mode)) {
+        *why = tr("it is not a folder");
+        return false;
+    }
+    if (info.st_uid != ::getuid()) {
+        *why = tr("it belongs to another user");
+        return false;
+    }
+    if ((info.st_mode & 0777) != 0700) {
+        *why = tr("others may use it (mode %1, not 700)").arg(info.st_mode & 0777, 3, 8, QLatin1Char('0'));
+        return false;
+    }
+    return true;
+}
+
+void SingleInstance::startDelivering()
+{
+    m_delivering = true;
+    const auto queued = std::exchange(m_queue, {});
+    for (const QStringList &arguments : queued)
+        emit received(arguments);
 }
 
 bool SingleInstance::forward(const QStringList &arguments)
@@ -87,7 +134,10 @@ void SingleInstance::accept()
                 arguments << value.toString();
             socket->write("ok\n");
             socket->flush();
-            emit received(arguments);
+            if (m_delivering)
+                emit received(arguments);
+            else
+                m_queue << arguments;
         });
     }
 }

@@ -27,6 +27,14 @@ public:
     Role claim(const QStringList &arguments);
     QString error() const { return m_error; }
 
+    // Arguments that arrive before this are kept and handed on, in order, once it
+    // is called: a launch during start-up (while the keyring is read) is not lost.
+    void startDelivering();
+
+    // Whether `folder` is ours alone: a real directory (not a link), owned by us,
+    // mode 0700. On failure `why` says what is wrong.
+    static bool privateFolder(const QString &folder, QString *why);
+
 signals:
     // The arguments of a later launch, program name first.
     void received(const QStringList &arguments);
@@ -39,6 +47,8 @@ private:
     QString m_error;
     std::unique_ptr<QLockFile> m_lock;
     QLocalServer *m_server = nullptr;
+    bool m_delivering = false;
+    QList<QStringList> m_queue;
 };
 
 } // namespace zuv

@@ -1,10 +1,14 @@
 #include "base/Clock.h"
 
 #include <QDateTime>
-#include <QElapsedTimer>
-#include <QTimer>
+#include <QSocketNotifier>
 
+#include <cerrno>
+#include <ctime>
 #include <limits>
+
+#include <sys/timerfd.h>
+#include <unistd.h>
 
 namespace zuv {
 
@@ -50,7 +54,9 @@ struct SleepAwaiter {
         auto it = clock->m_sleepers.find(id);
         if (it == clock->m_sleepers.end())
             return false;
-        const bool result = it->second.result;
+        // A cancel that lands in the same turn as the deadline still counts as a cancel:
+        // the owner has moved on, whatever the timer says.
+        const bool result = it->second.result && !token.isCancelled();
         clock->m_sleepers.erase(it);
         return result;
     }
@@ -72,11 +78,8 @@ void Clock::wake(quint64 id, bool result)
     auto handle = std::exchange(it->second.handle, {});
     it->second.result = result;
     it->second.token.removeHandler(it->second.cancelHandler);
-    if (it->second.timer) {
-        it->second.timer->stop();
-        it->second.timer->deleteLater();
-        it->second.timer = nullptr;
-    }
+    if (auto release = std::exchange(it->second.release, {}))
+        release();
     handle.resume();
 }
 
@@ -93,32 +96,56 @@ void Clock::shutDown()
 
 // RealClock
 
+namespace {
+
+double bootTime()
+{
+    timespec ts{};
+    clock_gettime(CLOCK_BOOTTIME, &ts);
+    return double(ts.tv_sec) + double(ts.tv_nsec) / 1e9;
+}
+
+} // namespace
+
 RealClock::RealClock(QObject *parent) : Clock(parent) {}
 
 RealClock::~RealClock() { shutDown(); }
 
 double RealClock::now() const { return double(QDateTime::currentMSecsSinceEpoch()) / 1000.0; }
 
-double RealClock::uptime() const
-{
-    static QElapsedTimer timer = [] {
-        QElapsedTimer t;
-        t.start();
-        return t;
-    }();
-    return double(timer.nsecsElapsed()) / 1e9;
-}
+// CLOCK_BOOTTIME keeps counting while the computer sleeps; QTimer's monotonic
+// clock does not, so a 30-second wait across a suspend would otherwise last
+// 30 seconds of waking time.
+double RealClock::uptime() const { return bootTime(); }
 
 void RealClock::arm(quint64 id, Sleeper &sleeper)
 {
-    auto *timer = new QTimer(this);
-    timer->setSingleShot(true);
-    timer->setTimerType(Qt::PreciseTimer);
-    const double ms = std::max(0.0, (sleeper.deadline - uptime()) * 1000.0);
-    timer->setInterval(int(std::min(ms, double(std::numeric_limits<int>::max()))));
-    connect(timer, &QTimer::timeout, this, [this, id] { wake(id, true); });
-    sleeper.timer = timer;
-    timer->start();
+    const int fd = timerfd_create(CLOCK_BOOTTIME, TFD_NONBLOCK | TFD_CLOEXEC);
+    if (fd < 0) {
+        // No timer to be had: wake on the next turn rather than never.
+        QPointer<RealClock> guard(this);
+        QMetaObject::invokeMethod(this, [guard, id] { if (guard) guard->wake(id, true); }, Qt::QueuedConnection);
+        return;
+    }
+    const double at = std::max(sleeper.deadline, 1e-9);
+    itimerspec spec{};
+    spec.it_value.tv_sec = time_t(at);
+    spec.it_value.tv_nsec = long((at - double(time_t(at))) * 1e9);
+    if (spec.it_value.tv_sec == 0 && spec.it_value.tv_nsec == 0)
+        spec.it_value.tv_nsec = 1; // zero would disarm the timer
+    timerfd_settime(fd, TFD_TIMER_ABSTIME, &spec, nullptr);
+    auto *notifier = new QSocketNotifier(fd, QSocketNotifier::Read, this);
+    connect(notifier, &QSocketNotifier::activated, this, [this, id, fd] {
+        quint64 expirations = 0;
+        while (::read(fd, &expirations, sizeof expirations) < 0 && errno == EINTR) {
+        }
+        wake(id, true);
+    });
+    sleeper.release = [notifier, fd] {
+        notifier->setEnabled(false);
+        notifier->deleteLater();
+        ::close(fd);
+    };
 }
 
 // TestClock

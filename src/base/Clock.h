@@ -8,9 +8,9 @@
 #include <QCoro/QCoroTask>
 
 #include <coroutine>
+#include <functional>
 #include <map>
 
-class QTimer;
 
 namespace zuv {
 
@@ -38,7 +38,8 @@ protected:
         bool result = true;
         CancelToken token;
         quint64 cancelHandler = 0;
-        QTimer *timer = nullptr;
+        std::function<void()> release; // frees what arm() set up
+
     };
 
     // Called when a sleeper is registered; the subclass arranges to call wake().

@@ -3,6 +3,8 @@
 #include "base/Error.h"
 #include "base/Log.h"
 
+#include <utility>
+
 namespace zuv {
 
 QString describe(const std::exception &e)
@@ -69,6 +71,20 @@ Job Job::start(const std::function<QCoro::Task<void>(CancelToken)> &body, const 
     job.m_running = std::make_shared<bool>(true);
     logged(body(job.m_token), what, job.m_running);
     return job;
+}
+
+Job::~Job() { m_token.cancel(); }
+
+Job::Job(Job &&other) noexcept : m_token(std::exchange(other.m_token, CancelToken())), m_running(std::move(other.m_running)) {}
+
+Job &Job::operator=(Job &&other) noexcept
+{
+    if (this != &other) {
+        m_token.cancel(); // the task it replaces ends
+        m_token = std::exchange(other.m_token, CancelToken());
+        m_running = std::move(other.m_running);
+    }
+    return *this;
 }
 
 void Job::cancel() const { m_token.cancel(); }

@@ -36,9 +36,16 @@ private:
 
 // A started task with its cancellation token. Kept in a field by the owner of a
 // long-lived task; cancel() wakes its sleeps and aborts its network replies.
+// A Job has one owner: it moves but does not copy, and it cancels its task when
+// it is destroyed or replaced, so a task never outlives the field that holds it.
 class Job {
 public:
     Job() = default;
+    ~Job();
+    Job(const Job &) = delete;
+    Job &operator=(const Job &) = delete;
+    Job(Job &&other) noexcept;
+    Job &operator=(Job &&other) noexcept;
 
     // Starts body(token) at once. An exception that escapes the body is logged.
     static Job start(const std::function<QCoro::Task<void>(CancelToken)> &body, const QString &what);
@@ -46,6 +53,8 @@ public:
     void cancel() const;
     bool isCancelled() const { return m_token.isCancelled(); }
     bool isRunning() const { return m_running && *m_running; }
+    // The token handed to the task; a sleep with it ends when the job is cancelled.
+    const CancelToken &token() const { return m_token; }
 
 private:
     CancelToken m_token;

@@ -2,6 +2,7 @@
 
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QDateTime>
 #include <QJsonObject>
 #include <QStringDecoder>
 #include <QStringList>
@@ -115,11 +116,14 @@ std::optional<CrashLog> CrashLog::make(const QByteArray &data, const std::functi
         return std::nullopt;
 
     const QJsonObject bundleInfo = obj(*report, "bundleInfo");
+    const QString stamp = optStr(*report, "timestamp").value_or(str(*header, "timestamp"));
     const QJsonObject osVersion = obj(*report, "osVersion");
     CrashLog log;
     log.incident = optStr(*report, "incident_id")
                        .value_or(optStr(*report, "incident").value_or(QUuid::createUuid().toString(QUuid::WithoutBraces)));
     log.process = optStr(*report, "procName").value_or(optStr(*header, "app_name").value_or(procPath->section(QLatin1Char('/'), -1)));
+    if (const QDateTime when = QDateTime::fromString(stamp, Qt::ISODateWithMs); when.isValid())
+        log.time = double(when.toMSecsSinceEpoch()) / 1000.0;
     log.build = optStr(bundleInfo, "CFBundleVersion").value_or(optStr(*header, "build_version").value_or(QString()));
     const QString osBuild = str(osVersion, "build");
     log.os = joinPresent({str(osVersion, "train"), osBuild.isEmpty() ? QString() : QLatin1Char('(') + osBuild + QLatin1Char(')')},

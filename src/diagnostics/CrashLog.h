@@ -17,6 +17,7 @@ struct CrashLog {
     QString os;
     QString summary;
     QString text; // at most 60000 characters
+    double time = 0; // when it crashed, seconds since 1970; 0 when the report does not say
 
     static constexpr qsizetype textLimit = 60000;
 

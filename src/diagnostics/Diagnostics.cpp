@@ -5,7 +5,6 @@
 #include "base/Job.h"
 #include "hub/MacAPI.h"
 #include "install/Updates.h"
-#include "link/AppModel.h"
 #include "platform/CrashSource.h"
 #include "platform/DeviceName.h"
 
@@ -18,6 +17,7 @@
 #include <QtConcurrent>
 #include <QCoro/QCoroFuture>
 
+#include <algorithm>
 #include <limits>
 
 namespace zuv {
@@ -28,45 +28,66 @@ const QString enabledKey = QStringLiteral("share-diagnostics");
 const QString sinceKey = QStringLiteral("diagnostics-since");
 const QString sentKey = QStringLiteral("diagnostics-sent");
 
-constexpr double firstScanDelay = 3;
-constexpr double scanAfterCrash = 15;
-constexpr double defaultWindow = 604800; // 7 days
-constexpr qsizetype summaryLimit = 300;
-
 QString osText() { return QSysInfo::prettyProductName() + QStringLiteral(" (") + QSysInfo::kernelVersion() + QLatin1Char(')'); }
 
-// Reads the crash reports worth sending. Runs off the main thread.
-std::vector<CrashLog> readReports(CrashSource *crashes, QString folder, double cutoff,
+bool reportOfOurs(const QString &name)
+{
+    return name.startsWith(QLatin1String("Zuv")) || name.startsWith(QLatin1String("zuv-"))
+        || name.startsWith(QLatin1String("node"));
+}
+
+// Reads the crash reports worth sending and prunes the folder. Runs off the main
+// thread and gets only values, so it owes nothing to objects that may go at quit.
+std::vector<CrashLog> readReports(std::shared_ptr<CrashSource> crashes, QString folder, double now, double cutoff,
                                   std::function<bool(const QString &)> ours, QString home)
 {
     crashes->collect(folder);
-    std::vector<CrashLog> logs;
+    struct Found {
+        QString path;
+        double time;
+        std::optional<CrashLog> log;
+    };
+    std::vector<Found> found;
     const QDir dir(folder);
-    for (const QFileInfo &file : dir.entryInfoList({QStringLiteral("*.ips")}, QDir::Files, QDir::Time | QDir::Reversed)) {
-        const QString name = file.fileName();
-        if (!name.startsWith(QLatin1String("Zuv")) && !name.startsWith(QLatin1String("zuv-"))
-            && !name.startsWith(QLatin1String("node")))
-            continue;
-        if (double(file.lastModified().toMSecsSinceEpoch()) / 1000.0 <= cutoff)
-            continue;
+    for (const QFileInfo &file : dir.entryInfoList({QStringLiteral("*.ips")}, QDir::Files)) {
         QFile in(file.absoluteFilePath());
         if (!in.open(QIODevice::ReadOnly))
             continue;
-        if (auto log = CrashLog::make(in.readAll(), ours, home))
-            logs.push_back(std::move(*log));
+        const double modified = double(file.lastModified().toMSecsSinceEpoch()) / 1000.0;
+        std::optional<CrashLog> log;
+        if (reportOfOurs(file.fileName()))
+            log = CrashLog::make(in.read(64 << 20), ours, home);
+        // The crash's own time decides; a converted record's file is as new as its conversion.
+        const double time = log && log->time > 0 ? log->time : modified;
+        found.push_back({file.absoluteFilePath(), time, std::move(log)});
     }
+    std::sort(found.begin(), found.end(), [](const Found &a, const Found &b) { return a.time > b.time; });
+
+    std::vector<CrashLog> logs;
+    for (size_t i = 0; i < found.size(); ++i) {
+        // Beyond the newest 200 or the window, a report could slip out of the sent
+        // list and go out a second time: it goes from the folder instead.
+        if (i >= size_t(Diagnostics::keptLimit) || found[i].time <= now - Diagnostics::window) {
+            QFile::remove(found[i].path);
+            continue;
+        }
+        if (found[i].log && found[i].time > cutoff)
+            logs.push_back(std::move(*found[i].log));
+    }
+    std::reverse(logs.begin(), logs.end()); // oldest first, as they happened
     return logs;
 }
 
 } // namespace
 
-Diagnostics::Diagnostics(Clock &clock, Defaults &defaults, MacAPI &api, AppModel &model, CrashSource &crashes,
-                         Setup setup, QObject *parent)
-    : QObject(parent), m_clock(clock), m_defaults(defaults), m_api(api), m_model(model), m_crashes(crashes),
-      m_setup(std::move(setup))
+Diagnostics::Diagnostics(Clock &clock, Defaults &defaults, MacAPI &api, std::function<bool()> paired,
+                         std::shared_ptr<CrashSource> crashes, Setup setup, QObject *parent)
+    : QObject(parent), m_clock(clock), m_defaults(defaults), m_api(api), m_paired(std::move(paired)),
+      m_crashes(std::move(crashes)), m_setup(std::move(setup))
 {
 }
 
+Diagnostics::~Diagnostics() = default; // the jobs cancel themselves
 
 void Diagnostics::registerDefaults(Defaults &defaults) { defaults.registerDefaults({{enabledKey, true}}); }
 
@@ -79,13 +100,32 @@ void Diagnostics::setEnabled(bool on)
     m_defaults.set(enabledKey, on);
 }
 
-void Diagnostics::start() { spawn(startLater(), QStringLiteral("The first crash scan")); }
+void Diagnostics::start()
+{
+    m_firstScan = Job::start([this](CancelToken token) { return scanAfter(firstScanDelay, std::move(token)); },
+                             QStringLiteral("The first crash scan"));
+}
 
-QCoro::Task<void> Diagnostics::startLater()
+void Diagnostics::stop()
+{
+    m_firstScan.cancel();
+    m_laterScan.cancel();
+    m_scan.cancel();
+    for (const Job &job : m_sending)
+        job.cancel();
+    m_sending.clear();
+    m_scanning = false;
+    m_rescan = false;
+}
+
+QCoro::Task<void> Diagnostics::scanAfter(double seconds, CancelToken token)
 {
     QPointer<Diagnostics> self(this);
-    co_await m_clock.sleep(firstScanDelay);
-    if (self && enabled())
+    // A named result: GCC 12 miscompiles some co_await inside a condition.
+    const bool waited = co_await m_clock.sleep(seconds, token);
+    if (!waited || !self || token.isCancelled())
+        co_return;
+    if (enabled())
         scanCrashLogs();
 }
 
@@ -101,13 +141,16 @@ QJsonObject Diagnostics::body(const QString &source, const QString &kind, const 
             {QStringLiteral("detail"), detail.left(CrashLog::textLimit)}};
 }
 
-QCoro::Task<bool> Diagnostics::send(QJsonObject payload)
+QCoro::Task<void> Diagnostics::post(QJsonObject payload, CancelToken token) { co_await send(std::move(payload), std::move(token)); }
+
+QCoro::Task<bool> Diagnostics::send(QJsonObject payload, CancelToken token)
 {
-    if (!enabled() || m_model.pairing().state != AppModel::Pairing::State::paired)
+    if (!enabled() || !m_paired || !m_paired())
         co_return false;
     try {
         // MacAPI::call drops a stale access token and repeats the request once.
-        co_await m_api.call<MacAPI::Ignored>(QStringLiteral("/app/diagnostics"), QStringLiteral("POST"), payload);
+        co_await m_api.call<MacAPI::Ignored>(QStringLiteral("/app/diagnostics"), QStringLiteral("POST"), payload, 60,
+                                             std::move(token));
         co_return true;
     } catch (const std::exception &) {
         co_return false; // never shown; a crash stays unsent for the next scan
@@ -119,19 +162,24 @@ void Diagnostics::childExited(const QString &name, int status, bool signal, cons
     const QString summary = name + (signal ? QStringLiteral(" killed by signal ") : QStringLiteral(" exited with status "))
         + QString::number(status);
     const QString source = name == QLatin1String("agent") ? QStringLiteral("agent") : QStringLiteral("mac");
-    spawn([](QCoro::Task<bool> sending) -> QCoro::Task<void> { co_await std::move(sending); }(
-              send(body(source, QStringLiteral("exit"), summary, Updates::build(), osText(), safeTail(tail)))),
-          QStringLiteral("Reporting a child's exit"));
+    const QJsonObject payload =
+        body(source, QStringLiteral("exit"), summary, Updates::build(), osText(), scrubbed(safeTail(tail), m_setup.home));
+    // Sends in flight are kept (and cancelled at stop); finished ones are dropped here.
+    std::erase_if(m_sending, [](const Job &job) { return !job.isRunning(); });
+    m_sending.push_back(Job::start([this, payload](CancelToken token) { return post(payload, std::move(token)); },
+                                   QStringLiteral("Reporting a child's exit")));
     if (signal)
-        spawn(scanAfterExit(), QStringLiteral("The crash scan after a child's exit"));
+        m_laterScan = Job::start([this](CancelToken token) { return scanAfter(scanAfterCrash, std::move(token)); },
+                                 QStringLiteral("The crash scan after a child's exit"));
 }
 
-QCoro::Task<void> Diagnostics::scanAfterExit()
+QString Diagnostics::scrubbed(const QString &text, const QString &home)
 {
-    QPointer<Diagnostics> self(this);
-    co_await m_clock.sleep(scanAfterCrash);
-    if (self && enabled())
-        scanCrashLogs();
+    if (home.isEmpty() || home == QLatin1String("/"))
+        return text;
+    QString out = text;
+    out.replace(home, QStringLiteral("~"));
+    return out;
 }
 
 void Diagnostics::scanCrashLogs()
@@ -141,29 +189,31 @@ void Diagnostics::scanCrashLogs()
         return;
     }
     m_scanning = true;
-    spawn(scan(), QStringLiteral("The crash scan"));
+    m_scan = Job::start([this](CancelToken token) { return scan(std::move(token)); }, QStringLiteral("The crash scan"));
 }
 
-QCoro::Task<void> Diagnostics::scan()
+QCoro::Task<void> Diagnostics::scan(CancelToken token)
 {
     QPointer<Diagnostics> self(this);
+    const double now = m_clock.now();
     const auto since = m_defaults.number(sinceKey);
-    const double cutoff = since.present() ? since.value : m_clock.now() - defaultWindow;
+    const double cutoff = since.present() ? std::max(since.value, now - window) : now - window;
     QStringList sent;
     for (const auto &value : m_defaults.array(sentKey).valueOr({}))
         if (value.isString())
             sent << value.toString();
 
-    auto reading = QtConcurrent::run(readReports, &m_crashes, m_setup.reports, cutoff, m_setup.ours, m_setup.home);
+    auto reading = QtConcurrent::run(readReports, m_crashes, m_setup.reports, now, cutoff, m_setup.ours, m_setup.home);
     const std::vector<CrashLog> logs = co_await reading;
     for (const CrashLog &log : logs) {
-        if (!self)
+        if (!self || token.isCancelled())
             co_return;
         if (sent.contains(log.incident))
             continue;
         const QString source = log.process == QLatin1String("node") ? QStringLiteral("agent") : QStringLiteral("mac");
-        const bool ok = co_await send(body(source, QStringLiteral("crash"), log.summary, log.build, log.os, log.text));
-        if (!self)
+        const bool ok =
+            co_await send(body(source, QStringLiteral("crash"), log.summary, log.build, log.os, log.text), token);
+        if (!self || token.isCancelled())
             co_return;
         if (!ok)
             continue;
@@ -172,7 +222,7 @@ QCoro::Task<void> Diagnostics::scan()
             sent.removeFirst();
         m_defaults.set(sentKey, QJsonArray::fromStringList(sent));
     }
-    if (!self)
+    if (!self || token.isCancelled())
         co_return;
     m_scanning = false;
     emit scanFinished();

@@ -2,6 +2,7 @@
 
 #include "base/Shared.h"
 
+#include "base/Job.h"
 #include "diagnostics/CrashLog.h"
 
 #include <QJsonObject>
@@ -10,10 +11,10 @@
 #include <QCoro/QCoroTask>
 
 #include <functional>
+#include <memory>
 
 namespace zuv {
 
-class AppModel;
 class Clock;
 class CrashSource;
 class Defaults;
@@ -32,8 +33,10 @@ public:
         QString home;                               // replaced by "~" in what is sent
     };
 
-    Diagnostics(Clock &clock, Defaults &defaults, MacAPI &api, AppModel &model, CrashSource &crashes, Setup setup,
-                QObject *parent = nullptr);
+    // `paired` tells whether this computer holds its credentials now.
+    Diagnostics(Clock &clock, Defaults &defaults, MacAPI &api, std::function<bool()> paired,
+                std::shared_ptr<CrashSource> crashes, Setup setup, QObject *parent = nullptr);
+    ~Diagnostics() override;
 
     static void registerDefaults(Defaults &defaults);
 
@@ -44,6 +47,9 @@ public:
 
     // Schedules the first scan, 3 seconds after launch.
     void start();
+    // Ends every wait and scan (at quit); a scan already reading files finishes
+    // on its worker with values of its own.
+    void stop();
     void childExited(const QString &name, int status, bool signal, const QString &tail);
     void scanCrashLogs();
     bool scanning() const { return m_scanning; }
@@ -52,24 +58,38 @@ public:
     static QString shortened(const QString &line);
 
     static constexpr int sentLimit = 200;
+    // The reports folder keeps at most this many reports, none older than `window`.
+    static constexpr int keptLimit = 200;
+    static constexpr double window = 604800; // 7 days
+    static constexpr double firstScanDelay = 3;
+    static constexpr double scanAfterCrash = 15;
+    static constexpr qsizetype summaryLimit = 300;
+
+    // Replaces the home folder by "~" in every line, so that a user's name does
+    // not leave with a path.
+    static QString scrubbed(const QString &text, const QString &home);
 
 signals:
     void scanFinished();
 
 private:
-    QCoro::Task<void> startLater();
-    QCoro::Task<void> scanAfterExit();
-    QCoro::Task<void> scan();
-    QCoro::Task<bool> send(QJsonObject body);
+    QCoro::Task<void> scanAfter(double seconds, CancelToken token);
+    QCoro::Task<void> scan(CancelToken token);
+    QCoro::Task<bool> send(QJsonObject body, CancelToken token);
+    QCoro::Task<void> post(QJsonObject body, CancelToken token);
     QJsonObject body(const QString &source, const QString &kind, const QString &summary, const QString &build,
                      const QString &os, const QString &detail) const;
 
     Clock &m_clock;
     Defaults &m_defaults;
     MacAPI &m_api;
-    AppModel &m_model;
-    CrashSource &m_crashes;
+    std::function<bool()> m_paired;
+    std::shared_ptr<CrashSource> m_crashes;
     Setup m_setup;
+    Job m_firstScan;
+    Job m_laterScan;
+    Job m_scan;
+    std::vector<Job> m_sending;
     bool m_scanning = false;
     bool m_rescan = false;
 };

@@ -221,8 +221,43 @@ QCoro::Task<std::unique_ptr<QWebSocket>> MacAPI::socket()
     QNetworkRequest request{QUrl(address)};
     request.setRawHeader("authorization", "Bearer " + access.toUtf8());
     auto socket = std::make_unique<QWebSocket>();
+    watchHandshake(*socket);
     socket->open(request);
     co_return socket;
+}
+
+namespace {
+
+// Lives as a child of one opening socket: gives up on the handshake after the
+// time-out, and goes (cancelling its wait) with the socket or once it connects.
+class HandshakeWatch : public QObject {
+public:
+    explicit HandshakeWatch(QWebSocket &socket) : QObject(&socket) {}
+    Job wait;
+};
+
+QCoro::Task<void> abortWhenLate(Clock *clock, QPointer<QWebSocket> socket, double seconds, CancelToken token)
+{
+    // A pointer and a named result: GCC 12 miscompiled this coroutine with a
+    // reference parameter and the co_await inside the condition.
+    const bool waited = co_await clock->sleep(seconds, token);
+    if (!waited || !socket || token.isCancelled())
+        co_return;
+    if (socket->state() != QAbstractSocket::ConnectedState)
+        socket->abort(); // the owner sees disconnected() with a time-out error
+}
+
+} // namespace
+
+void MacAPI::watchHandshake(QWebSocket &socket)
+{
+    auto *watch = new HandshakeWatch(socket);
+    QPointer<QWebSocket> guard(&socket);
+    Clock *clock = &m_clock;
+    watch->wait = Job::start(
+        [clock, guard](CancelToken token) { return abortWhenLate(clock, guard, socketHandshakeTimeout, std::move(token)); },
+        QStringLiteral("The chat socket's handshake"));
+    QObject::connect(&socket, &QWebSocket::connected, watch, [watch] { watch->deleteLater(); });
 }
 
 QCoro::Task<std::optional<QString>> MacAPI::thisMac()

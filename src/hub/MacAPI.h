@@ -110,8 +110,10 @@ public:
     // A signed link for a media key, cached for 720 seconds. Never throws.
     QCoro::Task<std::optional<QUrl>> mediaURL(QString key);
 
-    // The chat socket, opening; the caller owns it.
+    // The chat socket, opening; the caller owns it. A handshake that has not
+    // finished after socketHandshakeTimeout seconds is aborted.
     QCoro::Task<std::unique_ptr<QWebSocket>> socket();
+    static constexpr double socketHandshakeTimeout = 60;
 
     // This computer's device id, as the hub named it. Never throws.
     QCoro::Task<std::optional<QString>> thisMac();
@@ -126,6 +128,7 @@ public:
     static QString encodeQueryValue(const QString &value);
 
 private:
+    void watchHandshake(QWebSocket &socket);
     QCoro::Task<QByteArray> callBody(QString path, QString method, std::optional<QJsonValue> body, double timeout,
                                      CancelToken cancel);
     QCoro::Task<QByteArray> request(QString path, QString method, std::optional<QJsonValue> body, double timeout,

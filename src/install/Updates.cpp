@@ -84,8 +84,9 @@ void Updates::installWhenIdle()
     if (!m_pendingSince)
         m_pendingSince = m_clock.now();
     if (m_busy && m_busy() && m_clock.now() - *m_pendingSince <= longestWait) {
-        if (!m_waiting) // a replaced block joins the wait already under way
-            spawn(retryLater(), QStringLiteral("Waiting to install the update"));
+        if (!m_retry.isRunning()) // a replaced block joins the wait already under way
+            m_retry = Job::start([this](CancelToken token) { return retryLater(std::move(token)); },
+                                 QStringLiteral("Waiting to install the update"));
         return;
     }
     m_pendingSince.reset();
@@ -93,14 +94,15 @@ void Updates::installWhenIdle()
     install();
 }
 
-QCoro::Task<void> Updates::retryLater()
+QCoro::Task<void> Updates::retryLater(CancelToken token)
 {
     QPointer<Updates> self(this);
-    m_waiting = true;
-    co_await m_clock.sleep(idleStep);
-    if (!self)
+    // A named result: GCC 12 miscompiles some co_await inside a condition.
+    const bool waited = co_await m_clock.sleep(idleStep, token);
+    if (!waited || !self || token.isCancelled())
         co_return;
-    m_waiting = false;
+    // Finished as far as the guard above is concerned: a still-busy look starts a new wait.
+    m_retry = Job();
     installWhenIdle();
 }
 

@@ -2,6 +2,8 @@
 
 #include "base/Shared.h"
 
+#include "base/Job.h"
+
 #include <QObject>
 #include <QString>
 #include <QStringList>
@@ -52,7 +54,7 @@ signals:
     void activate();
 
 private:
-    QCoro::Task<void> retryLater();
+    QCoro::Task<void> retryLater(CancelToken token);
 
     Clock &m_clock;
     MacAPI &m_api;
@@ -61,7 +63,7 @@ private:
     bool m_required = false;
     std::function<void()> m_pending;
     std::optional<double> m_pendingSince;
-    bool m_waiting = false;
+    Job m_retry;
 };
 
 } // namespace zuv

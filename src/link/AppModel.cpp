@@ -26,6 +26,7 @@ namespace {
 constexpr double pollInterval = 2;     // seconds between pairing polls
 constexpr double replacedWindow = 60;  // a second replacement within this many seconds is told
 constexpr double replacedSettle = 30;  // the link must hold this long before the text goes
+constexpr double keychainRetry = 15;   // seconds between reads of a locked keyring
 
 const QString pairedOwnerKey = QStringLiteral("pairedOwner");
 
@@ -56,13 +57,53 @@ AppModel::AppModel(Clock &clock, Defaults &defaults, Keychain &keychain, MacAPI 
     : QObject(parent), m_clock(clock), m_defaults(defaults), m_keychain(keychain), m_api(api), m_network(network),
       m_server(std::move(server)), m_locations(std::move(locations))
 {
-    m_pairing.state = m_keychain.token() ? Pairing::State::paired : Pairing::State::unpaired;
+    // A keyring that is locked or refused us may still hold the token: stay paired
+    // and read it again later, rather than send the user through pairing again.
+    const bool stored = m_keychain.token() || m_keychain.problem();
+    m_pairing.state = stored ? Pairing::State::paired : Pairing::State::unpaired;
+    if (!m_keychain.token() && m_keychain.problem()) {
+        m_keychainNote = keychainText(*m_keychain.problem());
+        m_lastError = m_keychainNote;
+        m_keychainRetry = Job::start([this](CancelToken token) { return readTokenAgain(std::move(token)); },
+                                     QStringLiteral("Reading the agent token again"));
+    }
 }
 
-AppModel::~AppModel()
+QString AppModel::keychainText(const QString &why)
 {
-    m_pairTask.cancel();
+    return tr("Zuv can't read its token from the keyring (%1). Unlock the keyring and Zuv will try again.").arg(why);
 }
+
+QCoro::Task<void> AppModel::readTokenAgain(CancelToken token)
+{
+    QPointer<AppModel> self(this);
+    for (;;) {
+        // A named result: GCC 12 miscompiles some co_await inside a condition.
+        const bool waited = co_await m_clock.sleep(keychainRetry, token);
+        if (!waited || !self)
+            co_return;
+        co_await m_keychain.load();
+        if (!self || token.isCancelled())
+            co_return;
+        if (m_keychain.problem()) {
+            m_keychainNote = keychainText(*m_keychain.problem());
+            setLastError(m_keychainNote);
+            continue;
+        }
+        if (m_lastError == m_keychainNote)
+            setLastError(std::nullopt);
+        m_keychainNote.reset();
+        if (!m_keychain.token()) {
+            setPairing({Pairing::State::unpaired, {}});
+            co_return;
+        }
+        startChildren();
+        call(m_hooks.startChat);
+        co_return;
+    }
+}
+
+AppModel::~AppModel() = default; // the jobs cancel themselves
 
 QUrl AppModel::defaultServer() { return QUrl(QStringLiteral(ZUV_DEFAULT_HUB)); }
 
@@ -114,13 +155,12 @@ void AppModel::log(const QString &line) { zuv::log(line); }
 
 QString AppModel::runningTwiceText()
 {
-    static const QString text = tr("Zuv is running twice on this Mac. Quit the other copy.");
-    return text;
+    return tr("Zuv is running twice on this computer. Quit the other copy.");
 }
 
 QString AppModel::revokedText()
 {
-    return tr("This Mac was disconnected from your Zuv account. Pair it again to keep using it.");
+    return tr("This computer was disconnected from your Zuv account. Pair it again to keep using it.");
 }
 
 void AppModel::setPairing(Pairing pairing)
@@ -177,24 +217,25 @@ QCoro::Task<void> AppModel::pair(CancelToken cancel)
         QJsonObject startBody;
         startBody.insert(QStringLiteral("name"), deviceName());
         const Start start = co_await post<Start>(QStringLiteral("/pair/start"), startBody, cancel);
-        if (!self)
+        if (!self || cancel.isCancelled())
             co_return;
         setPairing(Pairing::showing(start.code));
         log(QStringLiteral("pairing code ") + start.code);
         if (cancel.isCancelled())
             co_return;
         for (;;) {
-            if (!co_await m_clock.sleep(pollInterval, cancel))
-                throw NetworkError(tr("The request was cancelled."), true);
-            if (!self)
+            // A named result: GCC 12 miscompiles some co_await inside a condition.
+            const bool waited = co_await m_clock.sleep(pollInterval, cancel);
+            if (!waited || !self)
                 co_return;
             QJsonObject pollBody;
             pollBody.insert(QStringLiteral("code"), start.code);
             pollBody.insert(QStringLiteral("secret"), start.secret);
             const Poll poll = co_await post<Poll>(QStringLiteral("/pair/poll"), pollBody, cancel);
-            if (!self)
+            if (!self || cancel.isCancelled())
                 co_return;
             if (poll.status == QLatin1String("paired") && poll.token) {
+                m_keychainRetry.cancel();
                 m_keychain.setToken(poll.token);
                 m_defaults.set(pairedOwnerKey, poll.owner.value_or(false));
                 setPairing({Pairing::State::paired, {}});
@@ -210,10 +251,11 @@ QCoro::Task<void> AppModel::pair(CancelToken cancel)
                 co_return;
         }
     } catch (const std::exception &e) {
-        if (!self)
+        // A cancelled pairing was ended by whoever cancelled it (unpair, revoke, a new
+        // pairing), and that one has set the state: leave it alone.
+        if (!self || cancel.isCancelled())
             co_return;
-        if (!cancel.isCancelled())
-            setLastError(tr("Couldn't reach Zuv: ") + describe(e));
+        setLastError(tr("Couldn't reach Zuv: %1").arg(describe(e)));
         setPairing({Pairing::State::expired, {}});
     }
 }
@@ -221,6 +263,7 @@ QCoro::Task<void> AppModel::pair(CancelToken cancel)
 void AppModel::unpair()
 {
     m_pairTask.cancel();
+    m_keychainRetry.cancel();
     m_keychain.setToken(std::nullopt);
     m_defaults.remove(pairedOwnerKey);
     call(m_hooks.stopChat);
@@ -238,13 +281,19 @@ void AppModel::replaced()
     m_replacedAt = now;
 }
 
-void AppModel::clearReplacedLater() { spawn(clearReplacedAfterWait(), QStringLiteral("Clearing the running-twice text")); }
+void AppModel::clearReplacedLater()
+{
+    // One pending wait: each "hub connected" starts the 30 seconds again.
+    m_clearReplaced = Job::start([this](CancelToken token) { return clearReplacedAfterWait(std::move(token)); },
+                                 QStringLiteral("Clearing the running-twice text"));
+}
 
-QCoro::Task<void> AppModel::clearReplacedAfterWait()
+QCoro::Task<void> AppModel::clearReplacedAfterWait(CancelToken token)
 {
     QPointer<AppModel> self(this);
-    co_await m_clock.sleep(replacedSettle); // an interrupted wait still checks below
-    if (!self)
+    // A named result: GCC 12 miscompiles some co_await inside a condition.
+    const bool waited = co_await m_clock.sleep(replacedSettle, token);
+    if (!waited || !self)
         co_return;
     if (!m_connected || m_lastError != runningTwiceText())
         co_return;

@@ -158,7 +158,10 @@ signals:
 
 private:
     QCoro::Task<void> pair(CancelToken cancel);
-    QCoro::Task<void> clearReplacedAfterWait();
+    QCoro::Task<void> clearReplacedAfterWait(CancelToken token);
+    QCoro::Task<void> launchAgentWhenReady(CancelToken token);
+    QCoro::Task<void> readTokenAgain(CancelToken token);
+    static QString keychainText(const QString &why);
     template<class T>
     QCoro::Task<T> post(QString path, QJsonObject body, CancelToken cancel);
     void setPairing(Pairing pairing);
@@ -176,6 +179,10 @@ private:
 
     Pairing m_pairing;
     Job m_pairTask;
+    Job m_clearReplaced;
+    Job m_keychainRetry; // reads a locked keyring again until it answers
+    std::optional<QString> m_keychainNote; // the lastError it set, to clear only that
+    Job m_agentLaunch; // waits for the login shell's PATH before the agent starts
     std::optional<QString> m_lastError;
     std::optional<double> m_replacedAt;
     bool m_connected = false;

@@ -11,7 +11,9 @@
 
 #include <QDir>
 #include <QFileInfo>
+#include <QPointer>
 #include <QProcessEnvironment>
+#include <QCoro/QCoroFuture>
 
 namespace zuv {
 
@@ -153,16 +155,35 @@ void AppModel::startChildren()
     helper.setWanted(true);
     if (!helper.process())
         helper.launch();
-    if (m_pairing.state == Pairing::State::paired) {
+    // Without the token in hand (a locked keyring) the agent would meet a 401 and
+    // unpair us; it starts once the token is read.
+    if (m_pairing.state == Pairing::State::paired && m_keychain.token()) {
         Child &link = agent();
         link.setWanted(true);
-        if (!link.process())
-            link.launch();
+        if (!link.process() && !m_agentLaunch.isRunning())
+            m_agentLaunch = Job::start([this](CancelToken token) { return launchAgentWhenReady(std::move(token)); },
+                                       QStringLiteral("Starting the agent"));
     }
+}
+
+QCoro::Task<void> AppModel::launchAgentWhenReady(CancelToken token)
+{
+    QPointer<AppModel> self(this);
+    // The agent's PATH is the login shell's, asked on a worker thread once per
+    // process; the main thread goes on meanwhile.
+    auto future = LoginShell::resolve();
+    if (!future.isFinished())
+        co_await future;
+    if (!self || token.isCancelled())
+        co_return;
+    Child &link = agent();
+    if (link.wanted() && !link.process())
+        link.launch();
 }
 
 void AppModel::stopAgent()
 {
+    m_agentLaunch.cancel();
     Child &link = agent();
     link.setWanted(false);
     link.terminate();

@@ -12,6 +12,9 @@
 #include <csignal>
 #include <limits>
 
+#include <sys/prctl.h>
+#include <unistd.h>
+
 namespace zuv {
 
 namespace {
@@ -26,14 +29,6 @@ constexpr double quickRestart = 0.5;
 bool normalExit(int status, bool signal)
 {
     return signal ? status == SIGTERM : (status == 0 || status == 75);
-}
-
-// Each read is decoded on its own, so a character cut between two reads turns
-// into replacement characters rather than stalling the line.
-QString decodeRepairing(const QByteArray &data)
-{
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    return decoder.decode(data);
 }
 
 } // namespace
@@ -61,6 +56,13 @@ Child::~Child()
     delete m_log;
 }
 
+void Child::setWanted(bool wanted)
+{
+    m_wanted = wanted;
+    if (!wanted)
+        m_restart.cancel(); // a stop ends a pending restart; a later start begins afresh
+}
+
 void Child::launch()
 {
     Paths::ensure(QFileInfo(m_logPath).absolutePath());
@@ -71,6 +73,8 @@ void Child::launch()
         m_log = nullptr;
     }
     m_pending.clear();
+    m_decoder = QStringDecoder(QStringDecoder::Utf8); // a fresh stream; a cut character waits for its rest
+    m_restart.cancel();
     // Set at each attempt, so that a child that cannot even start backs off like one
     // that dies at once.
     m_startedAt = m_clock.uptime();
@@ -86,6 +90,15 @@ void Child::launch()
     process->setProcessChannelMode(QProcess::MergedChannels);
     if (!m_takesInput)
         process->setStandardInputFile(QProcess::nullDevice());
+    // The child must not outlive us, even when we are killed outright: the kernel
+    // sends it SIGTERM when we die. A parent that died before the call is caught
+    // by comparing the parent's pid.
+    const pid_t parent = getpid();
+    process->setChildProcessModifier([parent] {
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent)
+            raise(SIGTERM);
+    });
 
     connect(process, &QProcess::readyReadStandardOutput, this, &Child::readOutput);
     connect(process, &QProcess::started, this, [this] {
@@ -101,7 +114,10 @@ void Child::launch()
     connect(process, &QProcess::errorOccurred, this, [this, process](QProcess::ProcessError error) {
         if (error != QProcess::FailedToStart || process != m_process)
             return;
-        deliver(m_name + QStringLiteral(" failed to start: ") + process->errorString());
+        // Our own words, not the child's: they go to the reader, never into the tail
+        // that a failure report carries.
+        if (onLine)
+            onLine(tr("%1 failed to start: %2").arg(m_name, process->errorString()));
         exited(-1, false);
     });
     process->start(QIODevice::ReadWrite);
@@ -119,7 +135,7 @@ void Child::readOutput()
         m_log->flush();
     }
     const qsizetype searchFrom = m_pending.size();
-    m_pending += decodeRepairing(data);
+    m_pending += m_decoder.decode(data);
     qsizetype start = 0;
     for (qsizetype end = m_pending.indexOf(QLatin1Char('\n'), searchFrom); end >= 0;
          end = m_pending.indexOf(QLatin1Char('\n'), start)) {
@@ -161,6 +177,7 @@ void Child::exited(int status, bool signal)
     }
     // What never ended in a line feed is dropped with the stream.
     m_pending.clear();
+    m_decoder.resetState();
     delete m_log;
     m_log = nullptr;
 
@@ -186,15 +203,18 @@ void Child::exited(int status, bool signal)
     }
     if (onState)
         onState(State::restarting);
-    spawn(restartLater(delay), m_name + QStringLiteral(" restart"));
+    m_restart = Job::start([this, delay](CancelToken token) { return restartLater(delay, std::move(token)); },
+                           m_name + QStringLiteral(" restart"));
 }
 
-QCoro::Task<void> Child::restartLater(double delay)
+QCoro::Task<void> Child::restartLater(double delay, CancelToken token)
 {
     QPointer<Child> self(this);
-    co_await m_clock.sleep(delay); // an interrupted wait still decides below
-    if (self && self->m_wanted && !self->m_process)
-        self->launch();
+    const bool waited = co_await m_clock.sleep(delay, token);
+    if (!waited || !self || token.isCancelled())
+        co_return;
+    if (m_wanted && !m_process)
+        launch();
 }
 
 } // namespace zuv

@@ -7,6 +7,7 @@
 #include <QProcess>
 #include <QString>
 #include <QStringList>
+#include <QStringDecoder>
 
 #include <deque>
 #include <functional>
@@ -44,7 +45,8 @@ public:
     void terminate();
 
     // The owner's wish: restarts happen only while this is true.
-    void setWanted(bool wanted) { m_wanted = wanted; }
+    // Turning it off also cancels a pending restart.
+    void setWanted(bool wanted);
     bool wanted() const { return m_wanted; }
 
     QProcess *process() const { return m_process; }
@@ -58,7 +60,7 @@ private:
     void readOutput();
     void deliver(const QString &line);
     void exited(int status, bool signal);
-    QCoro::Task<void> restartLater(double delay);
+    QCoro::Task<void> restartLater(double delay, CancelToken token);
 
     Clock &m_clock;
     QString m_name;
@@ -71,6 +73,8 @@ private:
     QPointer<QProcess> m_process;
     QFile *m_log = nullptr;
     QString m_pending; // output after the last line feed
+    QStringDecoder m_decoder{QStringDecoder::Utf8}; // keeps a character cut between two reads
+    Job m_restart;
     bool m_wanted = false;
     int m_failures = 0;
     double m_startedAt;

@@ -13,14 +13,17 @@ Keychain::Keychain(SecretStore &store, QObject *parent) : QObject(parent), m_sto
 QCoro::Task<void> Keychain::load()
 {
     QPointer<Keychain> self(this);
-    auto token = co_await m_store.read(QString::fromLatin1(service), QString::fromLatin1(account));
+    const SecretStore::Read found = co_await m_store.read(QString::fromLatin1(service), QString::fromLatin1(account));
     if (!self)
         co_return;
-    m_token = token && !token->isEmpty() ? token : std::nullopt;
+    m_problem = found.problem;
+    if (!found.problem)
+        m_token = found.value && !found.value->isEmpty() ? found.value : std::nullopt;
 }
 
 void Keychain::setToken(const std::optional<QString> &token)
 {
+    m_problem.reset(); // what we set is what counts from now on
     m_token = token && !token->isEmpty() ? token : std::nullopt;
     m_dirty = true;
     if (!m_saving) {

@@ -22,10 +22,14 @@ public:
 
     explicit Keychain(SecretStore &store, QObject *parent = nullptr);
 
-    // Reads the stored token; call once before anything asks for it.
+    // Reads the stored token; call once before anything asks for it, and again to
+    // retry while the store has a problem.
     QCoro::Task<void> load();
 
     std::optional<QString> token() const { return m_token; }
+    // Why the store could not be read (a locked keyring, a refused prompt); none
+    // once a read succeeded. A token may be stored all the same.
+    const std::optional<QString> &problem() const { return m_problem; }
     // Setting none deletes the stored token.
     void setToken(const std::optional<QString> &token);
 
@@ -37,6 +41,7 @@ private:
 
     SecretStore &m_store;
     std::optional<QString> m_token;
+    std::optional<QString> m_problem;
     bool m_dirty = false;
     bool m_saving = false;
 };

@@ -1,8 +1,12 @@
 #include "link/LoginShell.h"
 
+#include <QDeadlineTimer>
 #include <QDir>
+#include <QMutex>
 #include <QProcess>
 #include <QStringDecoder>
+#include <QUuid>
+#include <QtConcurrent>
 
 #include <pwd.h>
 #include <unistd.h>
@@ -11,9 +15,16 @@ namespace zuv::LoginShell {
 
 namespace {
 
-std::optional<QString> &cached()
+constexpr int budgetMs = 5000; // everything the question may cost
+
+struct Cache {
+    QMutex mutex;
+    std::optional<QFuture<QString>> future;
+};
+
+Cache &cache()
 {
-    static std::optional<QString> value;
+    static Cache value;
     return value;
 }
 
@@ -34,16 +45,34 @@ QString repaired(const QByteArray &data)
     return decoder.decode(data);
 }
 
-// Waits up to `timeout` seconds; ends the process and returns false when it is still running.
-bool finishWithin(QProcess &process, double timeout)
+// Waits until `deadline`; a process still running then is killed outright
+// (an interactive bash ignores SIGTERM).
+bool finishBy(QProcess &process, const QDeadlineTimer &deadline)
 {
-    if (process.waitForFinished(int(timeout * 1000)))
+    if (process.waitForFinished(int(std::max<qint64>(1, deadline.remainingTime()))))
         return true;
-    process.terminate();
-    if (!process.waitForFinished(1000))
-        process.kill();
+    process.kill();
     process.waitForFinished(1000);
     return false;
+}
+
+QString ask()
+{
+    const QDeadlineTimer deadline(budgetMs);
+    // Markers no rc file can know, so that what it prints cannot enter the PATH.
+    const QString marker = QUuid::createUuid().toString(QUuid::Id128);
+    QProcess shell;
+    shell.setProgram(userShell());
+    shell.setArguments({QStringLiteral("-ilc"), QStringLiteral("printf '%s%s%s' '%1' \"$PATH\" '%1'").arg(marker)});
+    shell.setStandardErrorFile(QProcess::nullDevice());
+    shell.setStandardInputFile(QProcess::nullDevice());
+    shell.start();
+    if (!shell.waitForStarted(int(std::max<qint64>(1, deadline.remainingTime()))))
+        return fallback();
+    if (!finishBy(shell, deadline))
+        return fallback();
+    const QString found = between(repaired(shell.readAllStandardOutput()), marker).trimmed();
+    return found.isEmpty() ? fallback() : found + QLatin1Char(':') + fallback();
 }
 
 } // namespace
@@ -54,41 +83,58 @@ QString fallback()
         + QStringLiteral("/.local/bin:/opt/homebrew/bin:/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin");
 }
 
-void clearCache() { cached().reset(); }
+QString between(const QString &output, const QString &marker)
+{
+    const qsizetype open = output.indexOf(marker);
+    if (open < 0)
+        return {};
+    const qsizetype from = open + marker.size();
+    const qsizetype close = output.indexOf(marker, from);
+    if (close < 0)
+        return {};
+    const QString value = output.mid(from, close - from);
+    // A PATH is one line; anything else is not what we asked for.
+    return value.contains(QLatin1Char('\n')) ? QString() : value;
+}
+
+void clearCache()
+{
+    QMutexLocker lock(&cache().mutex);
+    cache().future.reset();
+}
+
+QFuture<QString> resolve()
+{
+    QMutexLocker lock(&cache().mutex);
+    if (!cache().future)
+        cache().future = QtConcurrent::run(ask);
+    return *cache().future;
+}
 
 QString path()
 {
-    if (cached())
-        return *cached();
-    QProcess shell;
-    shell.setProgram(userShell());
-    shell.setArguments({QStringLiteral("-ilc"), QStringLiteral("printf '%s' \"$PATH\"")});
-    shell.setStandardErrorFile(QProcess::nullDevice());
-    shell.setStandardInputFile(QProcess::nullDevice());
-    shell.start();
-    if (!shell.waitForStarted(5000))
-        return fallback();
-    if (!finishWithin(shell, 5))
-        return fallback();
-    const QString found = repaired(shell.readAllStandardOutput()).trimmed();
-    cached() = found.isEmpty() ? fallback() : found + QLatin1Char(':') + fallback();
-    return *cached();
+    QMutexLocker lock(&cache().mutex);
+    if (cache().future && cache().future->isFinished())
+        return cache().future->result();
+    return fallback();
 }
 
 std::optional<Result> run(const QString &command, const QStringList &arguments, double timeout)
 {
+    const QString searchPath = resolve().result(); // off the main thread, waiting is fine
     QProcess process;
     process.setProgram(QStringLiteral("/usr/bin/env"));
     process.setArguments(QStringList{command} + arguments);
     auto environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("PATH"), path());
+    environment.insert(QStringLiteral("PATH"), searchPath);
     process.setProcessEnvironment(environment);
     process.setProcessChannelMode(QProcess::MergedChannels);
     process.setStandardInputFile(QProcess::nullDevice());
+    const QDeadlineTimer deadline(qint64(timeout * 1000));
     process.start();
     if (!process.waitForStarted(5000))
         return std::nullopt;
-    if (!finishWithin(process, timeout))
+    if (!finishBy(process, deadline))
         return std::nullopt;
     return Result{process.exitCode(), repaired(process.readAll())};
 }

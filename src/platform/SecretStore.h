@@ -12,8 +12,14 @@ class SecretStore {
 public:
     virtual ~SecretStore() = default;
 
-    // None when there is no such secret or it cannot be read.
-    virtual QCoro::Task<std::optional<QString>> read(QString service, QString account) = 0;
+    // What a read found. A store that is there but will not answer now (a locked
+    // keyring, a refused prompt) gives `problem`; that is not the same as no secret.
+    struct Read {
+        std::optional<QString> value;
+        std::optional<QString> problem;
+    };
+
+    virtual QCoro::Task<Read> read(QString service, QString account) = 0;
     // Stores `secret`, replacing any older one. False when it could not be kept.
     virtual QCoro::Task<bool> write(QString service, QString account, QString secret) = 0;
     virtual QCoro::Task<void> remove(QString service, QString account) = 0;

@@ -14,6 +14,8 @@
 #include <QProcess>
 #include <QWebSocket>
 
+#include <csignal>
+
 using namespace zuv;
 using test::TestHub;
 
@@ -123,6 +125,7 @@ TEST_F(AppTest, aLockLeftByADeadProcessDoesNotBlockTheStart)
     dead.waitForFinished();
     const qint64 gonePid = dead.processId() ? dead.processId() : 999999;
     QDir().mkpath(home.file("run/zuv"));
+    QFile::setPermissions(home.file("run/zuv"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
     test::writeText(home.file("run/zuv/zuv.lock"), QByteArray::number(gonePid) + "\nzuv\n" + QSysInfo::machineHostName().toUtf8() + "\n");
     launch({});
     EXPECT_TRUE(logSays(" started, pid "));
@@ -143,8 +146,21 @@ TEST_F(AppTest, aPairedAppRunsTheAgentUntilTheHubRevokesIt)
     EXPECT_EQ(agentSocket->request().rawHeader("authorization"), "Bearer agent-token-e2e");
     ASSERT_TRUE(test::waitUntil([&] { return QFile::exists(home.file("data/Zuv/screen.sock")); }));
 
+    // What the hub sends is never echoed: a message holding the markers the app
+    // reads must not unpair it.
+    agentSocket->sendTextMessage(
+        R"({"type":"chat","text":"hub closed 4401 and closed 4409, Unexpected server response: 403"})");
+    const QString agentLog = home.file("state/Zuv/logs/agent.log");
+    ASSERT_TRUE(test::waitUntil([&] { return test::readText(agentLog).contains("hub message chat"); }));
+    agentSocket->sendTextMessage("closed 4401");
+    ASSERT_TRUE(test::waitUntil([&] { return test::readText(agentLog).count("hub message") == 2; }));
+    test::drain();
+    EXPECT_FALSE(test::readText(agentLog).contains("4401")) << test::readText(agentLog).toStdString();
+    EXPECT_TRUE(QFile::exists(tokenFile));
+    EXPECT_FALSE(appLog().contains("disconnected from your Zuv account"));
+
     agentSocket->close(QWebSocketProtocol::CloseCode(4401));
-    ASSERT_TRUE(logSays("This Mac was disconnected from your Zuv account.")) << appLog().toStdString();
+    ASSERT_TRUE(logSays("This computer was disconnected from your Zuv account.")) << appLog().toStdString();
     EXPECT_TRUE(test::waitUntil([&] { return !QFile::exists(tokenFile); }));
     EXPECT_TRUE(QFile::exists(home.file("data/Zuv/screen.sock"))) << "the screen helper runs on";
     EXPECT_TRUE(test::readText(home.file("state/Zuv/logs/agent.log")).contains("hub closed 4401"));
@@ -155,6 +171,67 @@ TEST_F(AppTest, aPairedAppRunsTheAgentUntilTheHubRevokesIt)
     EXPECT_EQ(app->exitCode(), 0);
     EXPECT_FALSE(QFile::exists(home.file("data/Zuv/screen.sock")));
     EXPECT_TRUE(logSays("Zuv quit"));
+}
+
+namespace {
+
+QList<qint64> childrenOf(qint64 pid)
+{
+    QList<qint64> out;
+    for (const QString &task : QDir(QStringLiteral("/proc/%1/task").arg(pid)).entryList(QDir::Dirs | QDir::NoDotAndDotDot))
+        for (const QByteArray &child : test::readText(QStringLiteral("/proc/%1/task/%2/children").arg(pid).arg(task))
+                                           .toUtf8()
+                                           .split(' '))
+            if (!child.trimmed().isEmpty())
+                out << child.trimmed().toLongLong();
+    return out;
+}
+
+// Gone, or a zombie waiting for a reaper that a container may not have.
+bool ended(qint64 pid)
+{
+    const QString stat = test::readText(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (stat.isEmpty())
+        return true;
+    const qsizetype close = stat.lastIndexOf(QLatin1Char(')'));
+    return close >= 0 && stat.mid(close + 2, 1) == QLatin1String("Z");
+}
+
+} // namespace
+
+// kill -9 gives the app no chance to stop its children: the kernel must.
+TEST_F(AppTest, childrenDoNotOutliveAnAppKilledOutright)
+{
+    const QString tokenFile = home.file("data/Zuv/agent-token");
+    test::writeText(tokenFile, "agent-token-e2e");
+    QFile::setPermissions(tokenFile, QFile::ReadOwner | QFile::WriteOwner);
+    QProcess *app = launch({});
+    ASSERT_TRUE(logSays("agent connected to the hub", 20000)) << appLog().toStdString();
+    ASSERT_TRUE(test::waitUntil([&] { return QFile::exists(home.file("data/Zuv/screen.sock")); }));
+    QList<qint64> children;
+    ASSERT_TRUE(test::waitUntil([&] { return (children = childrenOf(app->processId())).size() >= 2; }));
+
+    ::kill(pid_t(app->processId()), SIGKILL);
+    ASSERT_TRUE(app->waitForFinished(5000));
+    for (qint64 child : children)
+        EXPECT_TRUE(test::waitUntil([&] { return ended(child); }, 10000)) << "orphan " << child;
+}
+
+// The lock and socket folder must be ours alone; a folder others can enter is refused.
+TEST_F(AppTest, aRuntimeFolderOthersCanUseIsRefused)
+{
+    QDir().mkpath(home.file("run/zuv"));
+    QFile::setPermissions(home.file("run/zuv"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner
+                                                    | QFile::ReadOther | QFile::WriteOther | QFile::ExeOther);
+    QProcess app;
+    app.setProcessEnvironment(environment());
+    app.setProcessChannelMode(QProcess::MergedChannels);
+    app.start(QStringLiteral(ZUV_EXECUTABLE), {});
+    ASSERT_TRUE(app.waitForFinished(15000));
+    EXPECT_EQ(app.exitCode(), 1);
+    const QString said = QString::fromUtf8(app.readAll());
+    EXPECT_TRUE(said.contains("others may use it")) << said.toStdString();
+    EXPECT_FALSE(appLog().contains(" started, pid "));
 }
 
 TEST_F(AppTest, aBrokenDefaultsFileDoesNotStopTheApp)

@@ -119,3 +119,65 @@ TEST(Job, reportsRunningAndLogsWhatEscapes)
     EXPECT_TRUE(test::waitUntil([&] { return !cancelled.isRunning(); }));
     setLogSink({});
 }
+
+// A cancel that lands in the same turn as the deadline is still a cancel.
+TEST(TestClock, aCancelInTheTurnOfTheDeadlineReturnsFalse)
+{
+    TestClock clock;
+    std::vector<QString> events;
+    CancelToken token;
+    spawn(sleeper(clock, 5, token, &events, "x"), "x");
+    token.cancel();   // the wake is queued for the next turn...
+    clock.advance(5); // ...but the deadline fires first
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events.front(), "x:cancelled@5");
+    test::drain();
+    EXPECT_EQ(events.size(), 1u) << "resumed once";
+}
+
+// A Job owns its task: destroying or replacing it cancels the task's waits.
+TEST(Job, destroyingOrReplacingAJobCancelsItsTask)
+{
+    TestClock clock;
+    std::vector<QString> events;
+    auto start = [&](const QString &name) {
+        return Job::start([&, name](CancelToken token) { return sleeper(clock, 10, token, &events, name); }, name);
+    };
+    {
+        Job scoped = start("scoped");
+        EXPECT_TRUE(scoped.isRunning());
+    }
+    Job kept = start("first");
+    kept = start("second");
+    Job moved = std::move(kept);
+    EXPECT_FALSE(kept.isRunning()) << "a moved-from job holds nothing";
+    test::drain();
+    EXPECT_EQ(events, (std::vector<QString>{"scoped:cancelled@0", "first:cancelled@0"}));
+    clock.advance(10);
+    EXPECT_EQ(events.back(), "second:woke@10");
+    EXPECT_FALSE(moved.isRunning());
+}
+
+// The real clock counts time across a suspend: its uptime is CLOCK_BOOTTIME's,
+// and a sleep on it really sleeps.
+TEST(RealClock, uptimeIsTheBootClockAndSleepsWake)
+{
+    RealClock clock;
+    timespec boot{};
+    clock_gettime(CLOCK_BOOTTIME, &boot);
+    const double expected = double(boot.tv_sec) + double(boot.tv_nsec) / 1e9;
+    EXPECT_NEAR(clock.uptime(), expected, 0.05);
+    timespec monotonic{};
+    clock_gettime(CLOCK_MONOTONIC, &monotonic);
+    EXPECT_GE(clock.uptime() + 0.05, double(monotonic.tv_sec) + double(monotonic.tv_nsec) / 1e9);
+
+    std::vector<QString> events;
+    spawn(sleeper(clock, 0.02, CancelToken(), &events, "real"), "real");
+    CancelToken token;
+    spawn(sleeper(clock, 30, token, &events, "long"), "long");
+    ASSERT_TRUE(test::waitUntil([&] { return events.size() == 1; }));
+    EXPECT_TRUE(events[0].startsWith("real:woke"));
+    token.cancel();
+    ASSERT_TRUE(test::waitUntil([&] { return events.size() == 2; }));
+    EXPECT_TRUE(events[1].startsWith("long:cancelled"));
+}

@@ -7,7 +7,7 @@
 #include "link/Keychain.h"
 #include "platform/linux/LinuxCrashSource.h"
 
-#include "FakeSecretStore.h"
+#include "Fixture.h"
 #include "Support.h"
 #include "TestHub.h"
 
@@ -20,6 +20,7 @@
 #include <QJsonDocument>
 #include <QNetworkAccessManager>
 #include <QProcess>
+#include <QRegularExpression>
 
 #include <csignal>
 
@@ -28,34 +29,33 @@ using test::TestHub;
 
 namespace {
 
-// A finished report file of a helper of ours, written `ageDays` ago.
-void writeReport(const QString &folder, const QString &incident, double ageDays)
+double realNow() { return double(QDateTime::currentMSecsSinceEpoch()) / 1000; }
+
+// A finished report file of a helper of ours that crashed `ageDays` ago. The file
+// itself may be newer (`fileAgeDays`), as a record converted later is.
+void writeReport(const QString &folder, const QString &incident, double ageDays, std::optional<double> fileAgeDays = {},
+                 const QString &type = "Aborted")
 {
-    const QJsonObject header{{"bug_type", "309"}};
+    const QString when = QDateTime::fromMSecsSinceEpoch(qint64((realNow() - ageDays * 86400) * 1000), Qt::UTC)
+                             .toString(Qt::ISODateWithMs);
+    const QJsonObject header{{"bug_type", "309"}, {"timestamp", when}};
     const QJsonObject report{{"procPath", Paths::prefix() + "/libexec/zuv/zuv-screen"},
                              {"procName", "zuv-screen"},
                              {"incident_id", incident},
-                             {"exception", QJsonObject{{"type", "Aborted"}, {"signal", "SIGABRT"}}}};
+                             {"timestamp", when},
+                             {"exception", QJsonObject{{"type", type}, {"signal", "SIGABRT"}}}};
     const QString path = folder + "/zuv-screen-" + incident + ".ips";
     test::writeText(path, QJsonDocument(header).toJson(QJsonDocument::Compact) + "\n" + QJsonDocument(report).toJson());
     QFile file(path);
     file.open(QIODevice::ReadWrite);
-    file.setFileTime(QDateTime::currentDateTimeUtc().addSecs(qint64(-ageDays * 86400)), QFileDevice::FileModificationTime);
+    file.setFileTime(QDateTime::currentDateTimeUtc().addSecs(qint64(-fileAgeDays.value_or(ageDays) * 86400)),
+                     QFileDevice::FileModificationTime);
 }
 
-Keychain &paired(Keychain &keychain)
-{
-    keychain.setToken(QStringLiteral("agent"));
-    return keychain;
-}
-
-class DiagnosticsTest : public ::testing::Test {
+class DiagnosticsTest : public ::testing::Test, protected test::HubFixture {
 protected:
     DiagnosticsTest()
-        : clock(double(QDateTime::currentMSecsSinceEpoch()) / 1000), defaults(home.file("d.json")), keychain(store),
-          api(clock, paired(keychain), network, hub.url()),
-          model(clock, defaults, keychain, api, network, hub.url(),
-                {home.file("helpers"), home.file("agent"), home.file("data"), home.file("logs")})
+        : HubFixture(std::nullopt, nullptr, realNow()), model((keychain.setToken(QStringLiteral("agent")), makeModel()))
     {
         QDir().mkpath(reports());
         hub.grantTokens();
@@ -68,10 +68,11 @@ protected:
     std::unique_ptr<Diagnostics> make()
     {
         const QString prefix = Paths::prefix() + "/";
+        AppModel *link = model.get();
         return std::make_unique<Diagnostics>(
-            clock, defaults, api, model, crashes,
-            Diagnostics::Setup{reports(), [prefix](const QString &path) { return path.startsWith(prefix); },
-                               QDir::homePath()});
+            clock, defaults, api, [link] { return link->pairing().state == AppModel::Pairing::State::paired; },
+            crashes, Diagnostics::Setup{reports(), [prefix](const QString &path) { return path.startsWith(prefix); },
+                                        QStringLiteral("/home/alice")});
     }
 
     void scan(Diagnostics &d)
@@ -91,16 +92,8 @@ protected:
         return out;
     }
 
-    test::TempHome home;
-    TestClock clock;
-    Defaults defaults;
-    test::FakeSecretStore store;
-    Keychain keychain;
-    QNetworkAccessManager network;
-    TestHub hub;
-    MacAPI api;
-    AppModel model;
-    LinuxCrashSource crashes;
+    std::unique_ptr<AppModel> model;
+    std::shared_ptr<LinuxCrashSource> crashes = std::make_shared<LinuxCrashSource>();
 };
 
 } // namespace
@@ -113,6 +106,9 @@ TEST_F(DiagnosticsTest, aRealCrashOfOursIsReportedOnceAcrossRestarts)
     EXPECT_EQ(crasher.exitStatus(), QProcess::CrashExit);
     EXPECT_EQ(crasher.exitCode(), SIGSEGV);
     ASSERT_EQ(QDir(reports()).entryList({"*.crashrec"}).size(), 1);
+    const QString record = test::readText(reports() + "/" + QDir(reports()).entryList({"*.crashrec"}).front());
+    EXPECT_TRUE(QRegularExpression("\\ntime \\d+\\.\\d{3}\\n").match(record).hasMatch())
+        << "milliseconds in three digits: " << record.toStdString();
 
     auto diagnostics = make();
     scan(*diagnostics);
@@ -145,7 +141,7 @@ TEST_F(DiagnosticsTest, nothingLeavesWithSharingOffOrWhileUnpaired)
     diagnostics->setEnabled(false);
     scan(*diagnostics);
     diagnostics->childExited("agent", 1, false, "x");
-    test::spin(100);
+    test::drain();
     EXPECT_TRUE(posted().isEmpty());
 
     // Turning sharing on moves the cut-off: what came before is never sent.
@@ -155,9 +151,9 @@ TEST_F(DiagnosticsTest, nothingLeavesWithSharingOffOrWhileUnpaired)
     scan(*diagnostics);
     EXPECT_TRUE(posted().isEmpty());
 
-    model.unpair();
+    model->unpair();
     diagnostics->childExited("agent", 1, false, "x");
-    test::spin(100);
+    test::drain();
     EXPECT_TRUE(posted().isEmpty());
 }
 
@@ -204,8 +200,10 @@ TEST_F(DiagnosticsTest, aChildExitDuringAScanGivesExactlyOneMoreScan)
     diagnostics->childExited("zuv-screen", SIGSEGV, true, "");
     clock.advance(15);
     ASSERT_TRUE(test::waitUntil([&] { return finished == 2; }, 20000));
-    test::spin(300);
+    clock.advance(60);
+    test::drain();
     EXPECT_EQ(finished, 2);
+    EXPECT_FALSE(diagnostics->scanning());
     const auto exits = posted();
     ASSERT_GE(exits.size(), 3);
     QStringList summaries;
@@ -224,6 +222,81 @@ TEST_F(DiagnosticsTest, aChildExitDuringAScanGivesExactlyOneMoreScan)
                                               {"os", exits[0]["os"]},
                                               {"device", exits[0]["device"]},
                                               {"detail", "2026-11-21T10:00:00Z drawing <link> oops"}}));
+}
+
+// With more reports on disk than the sent list holds, a report must not go out a
+// second time: the folder keeps the newest 200 within the seven days, by the
+// crash's own time, and the cut-off applies to that time, not the file's.
+TEST_F(DiagnosticsTest, aReportGoesOutOnceHoweverManyAreOnDisk)
+{
+    for (int i = 0; i < 205; ++i)
+        writeReport(reports(), QStringLiteral("r%1").arg(i, 3, 10, QLatin1Char('0')), 1 + i * 0.01);
+    writeReport(reports(), "too-old", 7.5, 0.0); // converted just now, crashed long ago
+    auto diagnostics = make();
+    scan(*diagnostics);
+    EXPECT_EQ(posted().size(), 200);
+    const QStringList left = QDir(reports()).entryList({"*.ips"});
+    EXPECT_EQ(left.size(), 200);
+    EXPECT_FALSE(left.contains("zuv-screen-too-old.ips"));
+    EXPECT_FALSE(left.contains("zuv-screen-r204.ips")) << "the oldest beyond 200 went";
+    EXPECT_TRUE(left.contains("zuv-screen-r000.ips"));
+
+    scan(*diagnostics);
+    scan(*diagnostics);
+    EXPECT_EQ(posted().size(), 200) << "nothing twice";
+
+    // Sharing turned on after a crash whose record is converted only now: not sent.
+    hub.clear();
+    diagnostics->setEnabled(false);
+    clock.advance(1);
+    diagnostics->setEnabled(true);
+    writeReport(reports(), "while-off", 0.5, 0.0);
+    scan(*diagnostics);
+    EXPECT_TRUE(posted().isEmpty());
+}
+
+// The timing and size rules, each pinned so that changing one fails a test.
+TEST_F(DiagnosticsTest, scansComeThreeSecondsAfterStartAndFifteenAfterACrash)
+{
+    auto diagnostics = make();
+    diagnostics->start();
+    clock.advance(2.9);
+    test::drain();
+    EXPECT_FALSE(diagnostics->scanning());
+    clock.advance(0.1);
+    EXPECT_TRUE(diagnostics->scanning());
+    ASSERT_TRUE(test::waitUntil([&] { return !diagnostics->scanning(); }, 20000));
+
+    diagnostics->childExited("zuv-screen", SIGSEGV, true, "");
+    clock.advance(14.9);
+    test::drain();
+    EXPECT_FALSE(diagnostics->scanning());
+    clock.advance(0.1);
+    EXPECT_TRUE(diagnostics->scanning());
+    ASSERT_TRUE(test::waitUntil([&] { return !diagnostics->scanning(); }, 20000));
+
+    // An exit without a signal scans nothing; stop() ends a pending wait.
+    diagnostics->childExited("agent", 3, false, "");
+    diagnostics->childExited("zuv-screen", SIGSEGV, true, "");
+    diagnostics->stop();
+    clock.advance(60);
+    test::drain();
+    EXPECT_FALSE(diagnostics->scanning());
+}
+
+TEST_F(DiagnosticsTest, summariesAreCutAt300AndExitsNameNoHome)
+{
+    writeReport(reports(), "long", 0.01, {}, QString(1000, 'x'));
+    auto diagnostics = make();
+    scan(*diagnostics);
+    ASSERT_EQ(posted().size(), 1);
+    EXPECT_EQ(posted()[0]["summary"].toString().size(), 300);
+
+    diagnostics->childExited("agent", 1, false,
+                             "    at run (/home/alice/src/zuv/agent/main.mjs:3:9)\n/home/alice/x.mjs:12\nNode.js v20");
+    ASSERT_TRUE(test::waitUntil([&] { return posted().size() == 2; }));
+    EXPECT_EQ(posted()[1]["detail"].toString(), "    at run (~/src/zuv/agent/main.mjs:3:9)\n~/x.mjs:12\nNode.js v20");
+    EXPECT_EQ(posted()[1]["source"].toString(), "agent");
 }
 
 TEST(SafeTail, onlyAllowedShapesLeave)

@@ -2,11 +2,14 @@
 #include "hub/MacAPI.h"
 #include "link/Keychain.h"
 
-#include "FakeSecretStore.h"
+#include "Fixture.h"
 #include "Support.h"
 #include "TestHub.h"
 
 #include <gtest/gtest.h>
+
+#include <QTcpServer>
+#include <QTcpSocket>
 
 #include <QDateTime>
 #include <QFile>
@@ -23,9 +26,9 @@ struct Thing {
     static Thing fromJson(const QJsonObject &o) { return {json::required<QString>(o, "name")}; }
 };
 
-class MacAPITest : public ::testing::Test {
+class MacAPITest : public ::testing::Test, protected test::HubFixture {
 protected:
-    MacAPITest() : keychain(store), api(clock, keychain, network, hub.url())
+    MacAPITest() : HubFixture(std::nullopt, nullptr, 1.8e9)
     {
         keychain.setToken(QStringLiteral("agent-secret"));
         hub.on("POST", "/agent/app-token", [this](const TestHub::Request &request) {
@@ -55,12 +58,6 @@ protected:
         return MacAPI::Failure::notPaired();
     }
 
-    TestClock clock{1.8e9};
-    test::FakeSecretStore store;
-    Keychain keychain;
-    QNetworkAccessManager network;
-    TestHub hub;
-    MacAPI api;
     int exchanges = 0;
     double tokenLife = 3600;
     QString device;
@@ -304,4 +301,39 @@ TEST_F(MacAPITest, theSocketOpensOnAppWsWithTheAccessToken)
     QObject::connect(socket.get(), &QWebSocket::textMessageReceived, [&](const QString &m) { received = m; });
     server->sendTextMessage("hello");
     EXPECT_TRUE(test::waitUntil([&] { return received == "hello"; }));
+}
+
+// A hub that takes the connection and never finishes the handshake: the socket
+// gives up after 60 seconds of (virtual) time, and not a moment before.
+TEST(MacAPISocket, aHandshakeThatNeverFinishesIsAbortedAfterSixtySeconds)
+{
+    QTcpServer server;
+    ASSERT_TRUE(server.listen(QHostAddress::LocalHost, 0));
+    int upgrades = 0;
+    QObject::connect(&server, &QTcpServer::newConnection, [&] {
+        while (QTcpSocket *peer = server.nextPendingConnection()) {
+            QObject::connect(peer, &QTcpSocket::readyRead, peer, [&upgrades, peer] {
+                const QByteArray request = peer->readAll();
+                if (request.contains("/agent/app-token")) {
+                    const QByteArray body = R"({"accessToken":"a","expiresAt":4e12})";
+                    peer->write("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: "
+                                + QByteArray::number(body.size()) + "\r\n\r\n" + body);
+                } else if (request.contains("/app/ws")) {
+                    ++upgrades; // and never a word back
+                }
+            });
+        }
+    });
+    test::HubFixture f(QUrl(QStringLiteral("http://127.0.0.1:%1").arg(server.serverPort())));
+    f.keychain.setToken(QStringLiteral("agent"));
+    auto socket = test::await(f.api.socket());
+    ASSERT_TRUE(test::waitUntil([&] { return upgrades == 1; }));
+    bool ended = false;
+    QObject::connect(socket.get(), &QWebSocket::disconnected, [&] { ended = true; });
+    f.clock.advance(59.9);
+    test::drain();
+    EXPECT_FALSE(ended);
+    EXPECT_NE(socket->state(), QAbstractSocket::UnconnectedState);
+    f.clock.advance(0.1);
+    ASSERT_TRUE(test::waitUntil([&] { return ended || socket->state() == QAbstractSocket::UnconnectedState; }));
 }

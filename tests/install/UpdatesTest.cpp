@@ -4,7 +4,7 @@
 #include "link/Keychain.h"
 #include "platform/Updater.h"
 
-#include "FakeSecretStore.h"
+#include "Fixture.h"
 #include "Support.h"
 #include "TestHub.h"
 
@@ -24,9 +24,9 @@ struct FakeUpdater final : Updater {
     void checkInBackground() override { ++background; }
 };
 
-class UpdatesTest : public ::testing::Test {
+class UpdatesTest : public ::testing::Test, protected test::HubFixture {
 protected:
-    UpdatesTest() : keychain(store), api(clock, keychain, network, hub.url()), updates(clock, api, updater, [this] { return busy; }, {})
+    UpdatesTest() : updates(clock, api, updater, [this] { return busy; }, {})
     {
         keychain.setToken(QStringLiteral("agent"));
         hub.grantTokens();
@@ -40,12 +40,6 @@ protected:
         hub.on("GET", "/app/me", TestHub::json(me));
     }
 
-    TestClock clock;
-    test::FakeSecretStore store;
-    Keychain keychain;
-    QNetworkAccessManager network;
-    TestHub hub;
-    MacAPI api;
     FakeUpdater updater;
     bool busy = false;
     Updates updates;

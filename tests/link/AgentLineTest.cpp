@@ -5,7 +5,7 @@
 #include "link/AppModel.h"
 #include "link/Keychain.h"
 
-#include "FakeSecretStore.h"
+#include "Fixture.h"
 #include <QJsonDocument>
 #include "Support.h"
 
@@ -18,13 +18,9 @@ using namespace zuv;
 
 namespace {
 
-class AgentLineTest : public ::testing::Test {
+class AgentLineTest : public ::testing::Test, protected test::HubFixture {
 protected:
-    AgentLineTest()
-        : defaults(home.file("d.json")), keychain(store), api(clock, keychain, network, QUrl("https://hub.example")),
-          model(std::make_unique<AppModel>(clock, defaults, keychain, api, network, QUrl("https://hub.example"),
-                                           AppModel::Locations{home.file("helpers"), home.file("agent"),
-                                                               home.file("data"), home.file("logs")}))
+    AgentLineTest() : HubFixture(QUrl("https://hub.example")), model(makeModel())
     {
         AppModel::Hooks hooks;
         hooks.stayAwake = [this](const QJsonObject &o) { events << "stayAwake " + QJsonDocument(o).toJson(QJsonDocument::Compact); };
@@ -45,13 +41,6 @@ protected:
         reader(line);
     }
 
-    TestClock clock;
-    test::TempHome home;
-    Defaults defaults;
-    test::FakeSecretStore store;
-    Keychain keychain;
-    QNetworkAccessManager network;
-    MacAPI api;
     std::unique_ptr<AppModel> model;
     QStringList events;
 };

@@ -6,7 +6,7 @@
 #include "link/Keychain.h"
 #include "platform/DeviceName.h"
 
-#include "FakeSecretStore.h"
+#include "Fixture.h"
 #include "Support.h"
 #include "TestHub.h"
 
@@ -34,13 +34,9 @@ TestHub::Response poll(const QString &status, const QJsonObject &extra = {})
     return TestHub::json(body);
 }
 
-class AppModelTest : public ::testing::Test {
+class AppModelTest : public ::testing::Test, protected test::HubFixture {
 protected:
-    AppModelTest()
-        : defaults(home.file("defaults.json")), keychain(store), api(clock, keychain, network, hub.url()),
-          // No helpers in this folder: children fail to start and wait in virtual time.
-          model(clock, defaults, keychain, api, network, hub.url(),
-                {home.file("helpers"), home.file("agent"), home.file("data"), home.file("logs")})
+    AppModelTest() : owned(makeModel()), model(*owned)
     {
         AppModel::Hooks hooks;
         hooks.startChat = [this] { calls << "startChat"; };
@@ -60,15 +56,8 @@ protected:
     bool pollerAsleep() { return test::waitUntil([&] { return clock.sleepers() == 1; }); }
     bool showing(const QString &code) const { return model.pairing() == AppModel::Pairing::showing(code); }
 
-    TestClock clock;
-    test::TempHome home;
-    Defaults defaults;
-    test::FakeSecretStore store;
-    Keychain keychain;
-    QNetworkAccessManager network;
-    TestHub hub;
-    MacAPI api;
-    AppModel model;
+    std::unique_ptr<AppModel> owned;
+    AppModel &model;
     QStringList calls;
     QStringList logged;
     QList<State> states;
@@ -93,7 +82,7 @@ TEST_F(AppModelTest, pairsAfterPollingAndStoresTheToken)
         ASSERT_TRUE(pollerAsleep());
         EXPECT_EQ(polls(), expected - 1) << "no poll before two seconds have passed";
         clock.advance(1.9);
-        test::spin(20);
+        test::drain();
         EXPECT_EQ(polls(), expected - 1);
         clock.advance(0.1);
         ASSERT_TRUE(test::waitUntil([&] { return polls() == expected; })) << expected;
@@ -112,7 +101,7 @@ TEST_F(AppModelTest, pairsAfterPollingAndStoresTheToken)
     EXPECT_TRUE(model.screen().wanted());
     EXPECT_FALSE(model.lastError());
     clock.advance(10);
-    test::spin(50);
+    test::drain();
     EXPECT_EQ(polls(), 4);
 }
 
@@ -156,7 +145,7 @@ TEST_F(AppModelTest, aStatusOtherThan200EndsTheAttemptWithAMessage)
     ASSERT_TRUE(test::waitUntil([&] { return model.pairing().state == State::expired; }));
     EXPECT_TRUE(model.lastError()->startsWith("Couldn't reach Zuv: "));
     clock.advance(20);
-    test::spin(50);
+    test::drain();
     EXPECT_EQ(polls(), 1);
 
     // A reply that does not decode is a failure too.
@@ -173,14 +162,14 @@ TEST_F(AppModelTest, twoPressesGiveOnePollingLoop)
     ASSERT_TRUE(test::waitUntil([&] { return hub.count("POST", "/pair/start") == 1; }));
     model.startPairing();
     ASSERT_TRUE(test::waitUntil([&] { return showing("SECOND"); }));
-    EXPECT_EQ(states, (QList<State>{State::expired, State::showing})) << "the cancelled first attempt wrote expired";
+    EXPECT_EQ(states, (QList<State>{State::showing})) << "the cancelled first attempt leaves the state alone";
     EXPECT_FALSE(model.lastError()) << "a cancelled attempt says nothing";
 
     for (int i = 1; i <= 3; ++i) {
         ASSERT_TRUE(pollerAsleep());
         clock.advance(2);
         ASSERT_TRUE(test::waitUntil([&] { return polls() == i; }));
-        test::spin(30);
+        ASSERT_TRUE(pollerAsleep()) << "one loop, asleep again";
         EXPECT_EQ(polls(), i);
     }
     for (const auto &request : hub.requests("POST", "/pair/poll"))
@@ -208,11 +197,30 @@ TEST_F(AppModelTest, unpairStopsEverythingButTheScreen)
     EXPECT_EQ(calls, (QStringList{"stopChat"}));
     EXPECT_FALSE(model.agent().wanted());
     ASSERT_TRUE(test::waitUntil([&] { return !keychain.saving() && store.secrets.empty(); }));
-    // The cancelled poll loop ends without polling again.
+    // The cancelled poll loop ends without polling again, and without writing a state.
     ASSERT_TRUE(test::waitUntil([&] { return !model.pairTask().isRunning(); }));
     clock.advance(10);
-    test::spin(50);
+    test::drain();
     EXPECT_EQ(polls(), 0);
+    EXPECT_EQ(model.pairing().state, State::unpaired);
+    EXPECT_EQ(states, (QList<State>{State::showing, State::unpaired}));
+    EXPECT_FALSE(model.lastError());
+}
+
+// A revocation while "/pair/start" is still on its way: when that request has
+// really ended (aborted), the computer is unpaired with the revocation's words.
+TEST_F(AppModelTest, aRevocationDuringPairingStaysUnpaired)
+{
+    keychain.setToken(QStringLiteral("old"));
+    hub.on("POST", "/pair/start", start("LATE", 300));
+    model.startPairing();
+    ASSERT_TRUE(test::waitUntil([&] { return hub.count("POST", "/pair/start") == 1; }));
+    model.revoked();
+    ASSERT_TRUE(test::waitUntil([&] { return !model.pairTask().isRunning(); }));
+    test::drain();
+    EXPECT_EQ(model.pairing().state, State::unpaired);
+    EXPECT_EQ(model.lastError(), AppModel::revokedText());
+    EXPECT_FALSE(keychain.token());
 }
 
 TEST_F(AppModelTest, runningTwiceIsToldOnlyOnASecondCloseWithinAMinute)
@@ -230,7 +238,7 @@ TEST_F(AppModelTest, runningTwiceIsToldOnlyOnASecondCloseWithinAMinute)
     // A later "hub connected": cleared 30 seconds on, with no replacement meanwhile.
     model.clearReplacedLater();
     clock.advance(29.9);
-    test::spin(10);
+    test::drain();
     EXPECT_TRUE(model.lastError());
     clock.advance(0.1);
     EXPECT_FALSE(model.lastError());
@@ -257,12 +265,16 @@ TEST_F(AppModelTest, theRunningTwiceTextStaysWhileTheLinkIsNotSettled)
     clock.advance(31);
     EXPECT_EQ(model.lastError(), AppModel::runningTwiceText());
 
-    // Two waits sleeping at once each check again when they wake.
+    // One pending wait: a second "hub connected" starts the 30 seconds again.
     model.setConnected(true);
     model.clearReplacedLater();
     clock.advance(5);
     model.clearReplacedLater();
+    test::drain();
+    EXPECT_EQ(clock.sleepers(), 1);
     clock.advance(25);
+    EXPECT_EQ(model.lastError(), AppModel::runningTwiceText());
+    clock.advance(5);
     EXPECT_FALSE(model.lastError());
 
     // Another message is never cleared.

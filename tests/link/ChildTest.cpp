@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 
 #include <csignal>
@@ -158,8 +159,10 @@ TEST_F(ChildTest, clearingWantedDuringTheDelayStopsTheRestart)
     start(*child);
     nextDelay(*child);
     child->setWanted(false);
+    test::drain();
+    EXPECT_EQ(clock.sleepers(), 0) << "the pending restart was cancelled, not left to wake";
     clock.advance(60);
-    test::spin(100);
+    test::drain();
     EXPECT_EQ(child->process(), nullptr);
     EXPECT_EQ(states.count(State::running), 1);
     failures.clear();
@@ -176,23 +179,43 @@ TEST_F(ChildTest, clearingWantedDuringTheDelayStopsTheRestart)
     EXPECT_TRUE(failures.empty());
 }
 
+// A stop and a start while a restart is pending: the old wait must not launch a
+// second time early, so the next crash keeps the back-off it had earned.
+TEST_F(ChildTest, stopThenStartKeepsTheBackOff)
+{
+    auto child = make("exit 1");
+    start(*child);
+    EXPECT_EQ(nextDelay(*child), 2);
+    clock.advance(2);
+    EXPECT_EQ(nextDelay(*child), 4);
+    child->setWanted(false);
+    start(*child);
+    EXPECT_EQ(nextDelay(*child), 8) << "the count of short runs goes on";
+    test::drain();
+    EXPECT_EQ(clock.sleepers(), 1) << "one pending restart, not the old one beside the new";
+    const int runs = int(states.count(State::running));
+    clock.advance(7.9);
+    test::drain();
+    EXPECT_EQ(states.count(State::running), runs) << "nothing launched before its delay";
+}
+
 TEST_F(ChildTest, linesArriveWholeInOrderWithTheLast60Kept)
 {
-    // The character cut between two writes comes while the reader is idle, so the
-    // two halves arrive in two reads.
+    // A character cut between two writes: the decoder of the child's stream keeps
+    // the first half until the rest comes, however the reads fall.
     auto child = make("i=1; while [ $i -le 61 ]; do echo \"line $i\"; i=$((i+1)); done\n"
-                      "sleep 0.3; printf 'caf\\303'; sleep 0.5; printf '\\251 ok\\n'\n"
+                      "printf 'caf\\303'; printf '\\251 ok\\n'\n"
                       "echo 'to stderr' >&2\n"
                       "head -c 1048576 /dev/zero | tr '\\0' x; echo\n"
                       "printf 'no line end'\n"
                       "exec sleep 30");
     start(*child);
     ASSERT_TRUE(test::waitUntil([&] { return lines.size() >= 64; }));
-    test::spin(100);
+    test::drain();
     ASSERT_EQ(lines.size(), 64) << "text without a line end is not delivered";
     EXPECT_EQ(lines[0], "line 1");
     EXPECT_EQ(lines[60], "line 61");
-    EXPECT_EQ(lines[61], QString::fromUtf8("caf\uFFFD\uFFFD ok")) << "a character cut between reads is repaired";
+    EXPECT_EQ(lines[61], QString::fromUtf8("café ok")) << "a character cut between writes arrives whole";
     EXPECT_EQ(lines[62], "to stderr") << "both streams arrive merged";
     EXPECT_EQ(lines[63].size(), 1048576);
     EXPECT_EQ(lines[63].count(QLatin1Char('x')), 1048576);
@@ -224,6 +247,8 @@ TEST_F(ChildTest, aMissingExecutableSaysSoAndKeepsTrying)
     EXPECT_TRUE(lines[0].startsWith("agent failed to start: ")) << lines[0].toStdString();
     ASSERT_EQ(failures.size(), 1u);
     EXPECT_EQ(failures[0].status, -1);
+    EXPECT_EQ(failures[0].tail, "") << "our own words are not the child's output";
+    EXPECT_TRUE(child->tail().empty());
     clock.advance(2);
     EXPECT_EQ(nextDelay(*child), 4);
     EXPECT_EQ(lines.size(), 2);
@@ -241,37 +266,73 @@ TEST_F(ChildTest, aThousandRestartsLeakNoDescriptors)
         clock.advance(delay);
         delay = nextDelay(*child);
     }
-    test::spin(50);
+    test::drain();
     EXPECT_LE(openDescriptors(), after);
 }
 
-TEST(LoginShell, asksTheShellOnceAndFallsBackWithoutCaching)
+namespace {
+
+// A stand-in login shell: counts its runs, does what `rc` says (as an rc file
+// would), then runs the command it was given with the PATH `path`.
+void fakeShell(const test::TempHome &home, const QByteArray &rc, const QByteArray &path = "/opt/tools/bin:/usr/bin")
+{
+    const QString file = home.file("shell.sh");
+    test::writeText(file, "#!/bin/sh\necho run >> " + home.file("count").toUtf8() + "\n" + rc + "\nPATH=" + path
+                              + "\nexport PATH\neval \"$2\"\n");
+    QFile::setPermissions(file, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    qputenv("SHELL", file.toUtf8());
+    LoginShell::clearCache();
+}
+
+QString resolved() { return LoginShell::resolve().result(); }
+
+} // namespace
+
+TEST(LoginShell, asksTheShellOnceOffTheMainThreadAndKeepsWhatRcFilesPrintOut)
 {
     test::TempHome home;
-    const QString counter = home.file("count");
-    auto shell = [&](const QByteArray &body) {
-        const QString path = home.file("shell.sh");
-        test::writeText(path, "#!/bin/sh\necho run >> " + counter.toUtf8() + "\n" + body + "\n");
-        QFile::setPermissions(path, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-        qputenv("SHELL", path.toUtf8());
-        LoginShell::clearCache();
-    };
-    auto runs = [&] { return test::readText(counter).count("run"); };
+    auto runs = [&] { return test::readText(home.file("count")).count("run"); };
 
-    shell("printf '%s' /opt/tools/bin:/usr/bin");
+    fakeShell(home, "echo 'Welcome back!'; printf '/evil/bin:'");
+    EXPECT_EQ(resolved(), "/opt/tools/bin:/usr/bin:" + LoginShell::fallback()) << "only what stands between the markers";
     EXPECT_EQ(LoginShell::path(), "/opt/tools/bin:/usr/bin:" + LoginShell::fallback());
-    EXPECT_EQ(LoginShell::path(), "/opt/tools/bin:/usr/bin:" + LoginShell::fallback());
-    EXPECT_EQ(runs(), 1) << "cached";
+    EXPECT_EQ(resolved(), LoginShell::path());
+    EXPECT_EQ(runs(), 1) << "asked once per process";
 
-    shell("true");
-    EXPECT_EQ(LoginShell::path(), LoginShell::fallback());
+    fakeShell(home, "true", "");
+    EXPECT_EQ(resolved(), LoginShell::fallback());
+    resolved();
     LoginShell::path();
-    EXPECT_EQ(runs(), 2) << "an empty answer is the fallback, and it is cached";
+    EXPECT_EQ(runs(), 2) << "the fallback is cached too";
 
     qputenv("SHELL", home.file("missing-shell").toUtf8());
     LoginShell::clearCache();
-    EXPECT_EQ(LoginShell::path(), LoginShell::fallback());
+    EXPECT_EQ(resolved(), LoginShell::fallback());
 
+    EXPECT_EQ(LoginShell::between("x M/a:/b M y", "M"), "/a:/b ");
+    EXPECT_EQ(LoginShell::between("M/a\n/b M", "M"), "") << "a PATH is one line";
+    EXPECT_EQ(LoginShell::between("M/a", "M"), "");
+}
+
+// An interactive shell that ignores SIGTERM and never ends: the question costs
+// five seconds at most, the main thread is never held, and the answer is the fallback.
+TEST(LoginShell, aHangingShellIsKilledWithinTheBudget)
+{
+    test::TempHome home;
+    fakeShell(home, "trap '' TERM; sleep 60 & wait");
+    QElapsedTimer timer;
+    timer.start();
+    auto future = LoginShell::resolve();
+    EXPECT_LT(timer.elapsed(), 1000) << "resolve() does not wait for the shell";
+    EXPECT_EQ(LoginShell::path(), LoginShell::fallback()) << "path() answers at once meanwhile";
+    EXPECT_EQ(future.result(), LoginShell::fallback());
+    EXPECT_LT(timer.elapsed(), 8000);
+}
+
+TEST(LoginShell, runUsesTheLoginPathAndEndsWhatOutlivesItsTime)
+{
+    qputenv("SHELL", "/bin/sh");
+    LoginShell::clearCache();
     const auto echoed = LoginShell::run("printf", {"%s-%s", "a b", "c"}, 5);
     ASSERT_TRUE(echoed);
     EXPECT_EQ(echoed->status, 0);

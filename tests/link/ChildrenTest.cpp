@@ -8,11 +8,16 @@
 #include "link/Keychain.h"
 #include "link/LoginShell.h"
 
-#include "FakeSecretStore.h"
+#include "Fixture.h"
 #include "Support.h"
 #include "TestHub.h"
 
 #include <gtest/gtest.h>
+
+#include <QCryptographicHash>
+#include <QProcess>
+#include <QTcpServer>
+#include <QTcpSocket>
 
 #include <QDir>
 #include <QFile>
@@ -25,10 +30,9 @@ using test::TestHub;
 
 namespace {
 
-class ChildrenTest : public ::testing::Test {
+class ChildrenTest : public ::testing::Test, protected test::HubFixture {
 protected:
-    explicit ChildrenTest(QUrl server = QUrl("https://hub.zuv.invalid"))
-        : defaults(home.file("d.json")), keychain(store), api(clock, keychain, network, server)
+    explicit ChildrenTest(QUrl server = QUrl("https://hub.zuv.invalid")) : HubFixture(server)
     {
         qputenv("HOME", home.path().toUtf8());
         qunsetenv("TMPDIR");
@@ -44,13 +48,6 @@ protected:
                                 home.file("logs")});
     }
 
-    test::TempHome home;
-    TestClock clock;
-    Defaults defaults;
-    test::FakeSecretStore store;
-    Keychain keychain;
-    QNetworkAccessManager network;
-    MacAPI api;
 };
 
 } // namespace
@@ -143,7 +140,7 @@ TEST_F(ChildrenTest, theRealAgentFollowsTheHubAndARevocationStopsOnlyIt)
     ASSERT_TRUE(test::waitUntil([&] { return model.agentState() == Child::State::stopped; }, 10000));
     EXPECT_FALSE(model.connected());
     clock.advance(120);
-    test::spin(200);
+    test::drain();
     EXPECT_EQ(model.agent().process(), nullptr) << "not restarted";
 
     // The screen helper runs on and answers on its socket.
@@ -159,4 +156,75 @@ TEST_F(ChildrenTest, theRealAgentFollowsTheHubAndARevocationStopsOnlyIt)
     ASSERT_TRUE(test::waitUntil([&] { return model.screenState() == Child::State::stopped; }));
     EXPECT_FALSE(QFile::exists(model.screenSocket())) << "the helper removes its socket";
     EXPECT_TRUE(test::readText(home.file("logs/screen.log")).contains("zuv-screen listening on"));
+}
+
+namespace {
+
+// A hub that completes the WebSocket handshake and then says nothing, not even
+// the pong a ping asks for: what a link looks like after a suspend.
+class SilentHub : public QObject {
+public:
+    SilentHub()
+    {
+        m_server.listen(QHostAddress::LocalHost, 0);
+        QObject::connect(&m_server, &QTcpServer::newConnection, this, [this] {
+            while (QTcpSocket *socket = m_server.nextPendingConnection()) {
+                QObject::connect(socket, &QTcpSocket::readyRead, socket, [this, socket] {
+                    const QByteArray request = socket->peek(8192);
+                    if (!request.contains("\r\n\r\n") || socket->property("open").toBool())
+                        return socket->readAll(), void();
+                    socket->readAll();
+                    QByteArray key;
+                    for (const QByteArray &line : request.split('\n'))
+                        if (line.toLower().startsWith("sec-websocket-key:"))
+                            key = line.mid(18).trimmed();
+                    const QByteArray accept =
+                        QCryptographicHash::hash(key + "258EAFA5-E914-47DA-95CA-C5AB0DC85B11", QCryptographicHash::Sha1)
+                            .toBase64();
+                    socket->write("HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+                                  "Sec-WebSocket-Accept: " + accept + "\r\n\r\n");
+                    socket->setProperty("open", true);
+                    ++handshakes;
+                });
+            }
+        });
+    }
+    quint16 port() const { return m_server.serverPort(); }
+    int handshakes = 0;
+
+private:
+    QTcpServer m_server;
+};
+
+} // namespace
+
+// The agent itself, run by hand: no pong within the wait after a ping drops the
+// link and dials again, so "connected" never lies for long.
+TEST(Agent, aLinkThatStopsAnsweringPingsIsDroppedAndDialledAgain)
+{
+    SilentHub hub;
+    QProcess agent;
+    QProcessEnvironment env;
+    env.insert("PATH", "/usr/bin:/bin");
+    env.insert("ZUV_HUB_URL", QStringLiteral("ws://127.0.0.1:%1/agent/ws").arg(hub.port()));
+    env.insert("ZUV_AGENT_TOKEN", "t");
+    env.insert("ZUV_AGENT_PING_MS", "100");
+    env.insert("ZUV_AGENT_PONG_WAIT_MS", "300");
+    agent.setProcessEnvironment(env);
+    agent.setProcessChannelMode(QProcess::MergedChannels);
+    agent.start(QStringLiteral(ZUV_BUILD_TREE) + "/libexec/zuv/node",
+                {QStringLiteral(ZUV_BUILD_TREE) + "/share/zuv/agent/src/main.mjs"});
+    ASSERT_TRUE(agent.waitForStarted(5000));
+    QByteArray output;
+    ASSERT_TRUE(test::waitUntil([&] { output += agent.readAll(); return hub.handshakes >= 2; }, 15000))
+        << output.toStdString();
+    output += agent.readAll();
+    EXPECT_TRUE(output.contains("hub connected"));
+    EXPECT_TRUE(output.contains("hub silent")) << output.toStdString();
+    EXPECT_TRUE(output.contains("hub closed 1006")) << output.toStdString();
+
+    // The app's end of stdin closing is the agent's cue to go.
+    agent.closeWriteChannel();
+    ASSERT_TRUE(agent.waitForFinished(5000));
+    EXPECT_EQ(agent.exitCode(), 0);
 }

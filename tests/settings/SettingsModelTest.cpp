@@ -5,7 +5,7 @@
 #include "settings/Models.h"
 #include "settings/SettingsModel.h"
 
-#include "FakeSecretStore.h"
+#include "Fixture.h"
 #include "Support.h"
 #include "TestHub.h"
 
@@ -42,11 +42,9 @@ QJsonObject overview(const QString &claudeState = "ready")
 const QJsonObject me{{"user", QJsonObject{{"id", "u1"}, {"email", "a@b.c"}}}, {"owner", false},
                      {"macs", QJsonArray{QJsonObject{{"id", "m1"}, {"name", "Desk"}}}}};
 
-class SettingsModelTest : public ::testing::Test {
+class SettingsModelTest : public ::testing::Test, protected test::HubFixture {
 protected:
-    SettingsModelTest()
-        : defaults(home.file("d.json")), keychain(store), api(clock, keychain, network, hub.url()),
-          models(clock, defaults), settings(api, models)
+    SettingsModelTest() : models(clock, defaults), settings(api, models)
     {
         keychain.setToken(QStringLiteral("agent"));
         hub.on("POST", "/agent/app-token", [this](const TestHub::Request &) {
@@ -58,14 +56,6 @@ protected:
         hub.on("GET", "/app/me", TestHub::json(me));
     }
 
-    TestClock clock;
-    test::TempHome home;
-    Defaults defaults;
-    test::FakeSecretStore store;
-    Keychain keychain;
-    QNetworkAccessManager network;
-    TestHub hub;
-    MacAPI api;
     Models models;
     SettingsModel settings;
     int exchanges = 0;

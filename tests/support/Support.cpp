@@ -54,13 +54,13 @@ void await(QCoro::Task<void> task)
     detail::awaitDone(done, error);
 }
 
-void spin(int ms)
+void drain()
 {
-    QElapsedTimer timer;
-    timer.start();
-    while (timer.elapsed() < ms) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        QThread::usleep(200);
+    // Queued work may queue more; a few rounds settle every chain we start.
+    for (int round = 0; round < 50; ++round) {
+        QCoreApplication::sendPostedEvents();
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        QCoreApplication::processEvents(QEventLoop::AllEvents);
     }
 }
 

@@ -19,8 +19,9 @@ namespace zuv::test {
 // Runs the event loop until `condition` holds or `timeoutMs` of real time pass.
 bool waitUntil(const std::function<bool()> &condition, int timeoutMs = 5000);
 
-// Runs the event loop for `ms` of real time.
-void spin(int ms = 50);
+// Delivers every event already posted, and those they post in turn, without
+// waiting for real time to pass. The one way a test lets queued work run.
+void drain();
 
 namespace detail {
 template<class T>

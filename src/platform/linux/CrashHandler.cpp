@@ -135,7 +135,11 @@ void handle(int signal, siginfo_t *info, void *context)
         out.text("\ntime ");
         out.number(static_cast<unsigned long long>(now.tv_sec));
         out.text(".");
-        out.number(static_cast<unsigned long long>(now.tv_nsec / 1000000));
+        // Three digits always: 5 ms is ".005", not ".5".
+        const unsigned long long ms = static_cast<unsigned long long>(now.tv_nsec / 1000000);
+        out.number(ms / 100);
+        out.number(ms / 10 % 10);
+        out.number(ms % 10);
         out.text("\n");
 
         // The faulting instruction first, then the return addresses above it.

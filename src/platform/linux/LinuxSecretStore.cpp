@@ -6,32 +6,57 @@
 #include <QFile>
 #include <QPointer>
 #include <QSaveFile>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QCoro/QCoroSignal>
 
 #include <qt6keychain/keychain.h>
+
+#include <memory>
 
 namespace zuv {
 
 namespace {
 
-// Runs a QtKeychain job to its end.
-QCoro::Task<QKeychain::Error> run(QKeychain::Job *job)
-{
-    // The job deletes itself after `finished`; read what we need before that.
-    job->setAutoDelete(true);
-    job->start();
-    auto finished = qCoro(job, &QKeychain::Job::finished);
-    co_await finished;
-    co_return job->error();
-}
+const QString secretsService = QStringLiteral("org.freedesktop.secrets");
 
-bool backendMissing(QKeychain::Error error)
+// Owns a QtKeychain job and runs it to its end. The wait for `finished` is set up
+// before start(), so a job that finishes at once is not missed.
+struct KeychainRun {
+    std::unique_ptr<QKeychain::Job> job;
+    QKeychain::Error error = QKeychain::NoError;
+    QString text;
+};
+
+QCoro::Task<void> run(KeychainRun &run)
 {
-    return error == QKeychain::NoBackendAvailable || error == QKeychain::NotImplemented
-        || error == QKeychain::OtherError || error == QKeychain::AccessDenied;
+    QKeychain::Job *job = run.job.get();
+    job->setAutoDelete(false);
+    auto finished = qCoro(job, &QKeychain::Job::finished);
+    job->start();
+    co_await finished;
+    run.error = job->error();
+    run.text = job->errorString();
 }
 
 } // namespace
+
+bool LinuxSecretStore::serviceMissing()
+{
+    // The file is for desktops without a Secret Service at all. A service that is
+    // there but locked, or a prompt the user refused, is not a reason to write the
+    // token to disk.
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected())
+        return true;
+    QDBusConnectionInterface *names = bus.interface();
+    if (!names)
+        return true;
+    if (names->isServiceRegistered(secretsService).value())
+        return false;
+    const QStringList activatable = names->activatableServiceNames().value();
+    return !activatable.contains(secretsService);
+}
 
 LinuxSecretStore::LinuxSecretStore(QString fallbackFolder, QObject *parent)
     : QObject(parent), m_folder(std::move(fallbackFolder))
@@ -72,45 +97,49 @@ bool LinuxSecretStore::writeFile(const QString &account, const QString &secret) 
     return out.commit();
 }
 
-QCoro::Task<std::optional<QString>> LinuxSecretStore::read(QString service, QString account)
+QCoro::Task<SecretStore::Read> LinuxSecretStore::read(QString service, QString account)
 {
     if (!m_usingFile) {
-        auto *job = new QKeychain::ReadPasswordJob(service);
-        job->setKey(account);
         QPointer<LinuxSecretStore> self(this);
-        const QKeychain::Error error = co_await run(job);
+        KeychainRun reading{std::make_unique<QKeychain::ReadPasswordJob>(service)};
+        auto *job = static_cast<QKeychain::ReadPasswordJob *>(reading.job.get());
+        job->setKey(account);
+        co_await run(reading);
         if (!self)
-            co_return std::nullopt;
-        if (error == QKeychain::NoError) {
+            co_return Read{};
+        if (reading.error == QKeychain::NoError) {
             const QString value = job->textData();
-            co_return value.isEmpty() ? std::nullopt : std::optional<QString>(value);
+            co_return Read{value.isEmpty() ? std::nullopt : std::optional<QString>(value), std::nullopt};
         }
-        if (error == QKeychain::EntryNotFound)
-            co_return readFile(account); // a token kept while the service was away
-        fallBack(job->errorString());
+        if (reading.error == QKeychain::EntryNotFound)
+            co_return Read{readFile(account), std::nullopt}; // a token kept while the service was away
+        if (!serviceMissing())
+            co_return Read{std::nullopt, reading.text};
+        fallBack(reading.text);
     }
-    co_return readFile(account);
+    co_return Read{readFile(account), std::nullopt};
 }
 
 QCoro::Task<bool> LinuxSecretStore::write(QString service, QString account, QString secret)
 {
     if (!m_usingFile) {
-        auto *job = new QKeychain::WritePasswordJob(service);
+        QPointer<LinuxSecretStore> self(this);
+        KeychainRun writing{std::make_unique<QKeychain::WritePasswordJob>(service)};
+        auto *job = static_cast<QKeychain::WritePasswordJob *>(writing.job.get());
         job->setKey(account);
         job->setTextData(secret);
-        QPointer<LinuxSecretStore> self(this);
-        const QKeychain::Error error = co_await run(job);
+        co_await run(writing);
         if (!self)
             co_return false;
-        if (error == QKeychain::NoError) {
+        if (writing.error == QKeychain::NoError) {
             QFile::remove(filePath(account));
             co_return true;
         }
-        if (!backendMissing(error)) {
-            log(QStringLiteral("Couldn't store the token: %1").arg(job->errorString()));
+        if (!serviceMissing()) {
+            log(QStringLiteral("Couldn't store the token in the Secret Service: %1").arg(writing.text));
             co_return false;
         }
-        fallBack(job->errorString());
+        fallBack(writing.text);
     }
     co_return writeFile(account, secret);
 }
@@ -120,9 +149,9 @@ QCoro::Task<void> LinuxSecretStore::remove(QString service, QString account)
     QFile::remove(filePath(account));
     if (m_usingFile)
         co_return;
-    auto *job = new QKeychain::DeletePasswordJob(service);
-    job->setKey(account);
-    co_await run(job);
+    KeychainRun removing{std::make_unique<QKeychain::DeletePasswordJob>(service)};
+    static_cast<QKeychain::DeletePasswordJob *>(removing.job.get())->setKey(account);
+    co_await run(removing);
 }
 
 } // namespace zuv

@@ -6,19 +6,23 @@
 
 namespace zuv {
 
-// The Secret Service (through QtKeychain). Where none answers, a file named after
-// the account with mode 0600 in `fallbackFolder`, said once in the log.
+// The Secret Service (through QtKeychain). Where the desktop has none, a file named
+// after the account with mode 0600 in `fallbackFolder`, said once in the log. A
+// Secret Service that is there but locked or refusing is reported, never bypassed.
 class LinuxSecretStore final : public QObject, public SecretStore {
     Q_OBJECT
 public:
     explicit LinuxSecretStore(QString fallbackFolder, QObject *parent = nullptr);
 
-    QCoro::Task<std::optional<QString>> read(QString service, QString account) override;
+    QCoro::Task<Read> read(QString service, QString account) override;
     QCoro::Task<bool> write(QString service, QString account, QString secret) override;
     QCoro::Task<void> remove(QString service, QString account) override;
 
     // True once the Secret Service failed and the file is in use.
     bool usingFile() const { return m_usingFile; }
+
+    // No session bus, or no Secret Service on it, registered or activatable.
+    static bool serviceMissing();
 
 private:
     void fallBack(const QString &why);
