@@ -8,6 +8,8 @@
 #include <md4c.h>
 
 #include <cstdio>
+#include <utility>
+#include <vector>
 
 using namespace zuv;
 
@@ -105,6 +107,43 @@ double timed(F &&parse)
     return double(timer.nsecsElapsed()) / 1e9;
 }
 
+// Hostile inputs of 100 KB each: every one must parse in a few milliseconds.
+std::vector<std::pair<const char *, QString>> worstCases()
+{
+    auto repeat = [](const QString &unit) {
+        QString out;
+        while (out.size() < 100000)
+            out += unit;
+        return out;
+    };
+    QString openersThenPairs;
+    while (openersThenPairs.size() < 50000)
+        openersThenPairs += QStringLiteral("**a ");
+    while (openersThenPairs.size() < 100000)
+        openersThenPairs += QStringLiteral("\"**b**\" ");
+    QString nested;
+    while (nested.size() < 50000)
+        nested += QStringLiteral("**a ");
+    nested += QStringLiteral("d");
+    while (nested.size() < 100000)
+        nested += QStringLiteral("** e");
+    return {
+        {"openers", repeat(QStringLiteral("**a "))},
+        {"openers-then-quoted-pairs", openersThenPairs},
+        {"nested-leftovers", nested},
+        {"quoted-pairs", repeat(QStringLiteral("**\"x\"**y "))},
+        {"brackets", repeat(QStringLiteral("[a"))},
+        {"autolinks", repeat(QStringLiteral("<a"))},
+        {"entities", repeat(QStringLiteral("&a"))},
+        {"backticks", repeat(QStringLiteral("`a"))},
+        {"link-openings", repeat(QStringLiteral("[a](b"))},
+        {"titles", repeat(QStringLiteral("[a](b \""))},
+        {"emphasis", repeat(QStringLiteral("*a _b "))},
+        {"strike", repeat(QStringLiteral("~a ~~b "))},
+        {"pointy", repeat(QStringLiteral("[a](<b"))},
+    };
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -125,6 +164,12 @@ int main(int argc, char **argv)
         best.ours = std::min(best.ours, timed([&] { sink = sink + parseOurs(text); }));
         best.md4c = std::min(best.md4c, timed([&] { sink = sink + size_t(parseMd4c(utf8)); }));
         blocksOnly = std::min(blocksOnly, timed([&] { sink = sink + MarkdownView::parse(text).size(); }));
+    }
+    for (const auto &[name, input] : worstCases()) {
+        double fastest = 1e9;
+        for (int round = 0; round < 5; ++round)
+            fastest = std::min(fastest, timed([&] { sink = sink + MarkdownView::inlineText(input).runs.size(); }));
+        std::printf("markdown worst: %s %.2f ms\n", name, fastest * 1000);
     }
     const double megabytes = double(utf8.size()) / 1e6;
     const double ours = megabytes / best.ours;

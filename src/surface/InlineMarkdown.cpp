@@ -1,5 +1,6 @@
 #include "surface/InlineMarkdown.h"
 
+#include <algorithm>
 #include <array>
 #include <vector>
 
@@ -32,9 +33,13 @@ bool special(QChar c)
 // A piece of the rendered output: literal text, or a run of delimiter characters
 // that emphasis may consume from either side.
 struct Piece {
+    // The text: a slice [from, to) of the source when from >= 0, else `text`.
+    qsizetype from = -1;
+    qsizetype to = -1;
     QString text;
     Intent fixed = Intent::none; // code spans
     int link = -1;               // index into the link table
+    bool bracket = false;        // an open bracket waiting for its "]"
     // Delimiter runs of *, _ or ~:
     QChar delim;
     int count = 0;
@@ -56,9 +61,23 @@ struct Bracket {
     bool active;
 };
 
+// The parser's lists, kept between calls so that a short line costs no allocation.
+struct Lists {
+    std::vector<Piece> pieces;
+    std::vector<QString> links;
+    std::vector<struct Bracket> brackets;
+};
+
 class Parser {
 public:
-    explicit Parser(const QString &text) : s(text) { pieces.reserve(16); }
+    explicit Parser(const QString &text, Lists &lists)
+        : s(text), pieces(lists.pieces), links(lists.links), brackets(lists.brackets)
+    {
+        pieces.clear();
+        links.clear();
+        brackets.clear();
+        noCloserFrom.fill(-1);
+    }
 
     InlineText run()
     {
@@ -69,48 +88,93 @@ public:
 
 private:
     const QString &s;
-    std::vector<Piece> pieces;
-    std::vector<QString> links;
-    std::vector<Bracket> brackets;
+    std::vector<Piece> &pieces;
+    std::vector<QString> &links;
+    std::vector<Bracket> &brackets;
     int lastDelim = -1; // tail of the active-delimiter list
+    // Brackets at positions below this in `brackets` can no longer make links.
+    size_t inactiveBelow = 0;
+    // Code spans: a backtick run of this length found no closer from this index on.
+    std::array<qsizetype, 64> noCloserFrom;
+    // Where the next of a character is, cached for searches that only move forward.
+    struct NextOf {
+        qsizetype from = -1;
+        qsizetype at = -1;
+    };
+    std::array<NextOf, 4> nextOf; // '>' ')' '"' '\''
+
+    qsizetype find(int which, QChar c, qsizetype from)
+    {
+        NextOf &cache = nextOf[size_t(which)];
+        if (cache.from >= 0 && from >= cache.from && (cache.at < 0 || cache.at >= from))
+            return cache.at;
+        cache.from = from;
+        cache.at = s.indexOf(c, from);
+        return cache.at;
+    }
 
     QChar at(qsizetype i) const { return i >= 0 && i < s.size() ? s[i] : QChar(); }
 
-    void text(QString t)
+    static bool plain(const Piece &p)
     {
-        if (!pieces.empty() && pieces.back().delim.isNull() && pieces.back().fixed == Intent::none
-            && pieces.back().link < 0 && !isBracket(int(pieces.size()) - 1)) {
-            pieces.back().text += t;
+        return p.delim.isNull() && p.fixed == Intent::none && p.link < 0 && !p.bracket;
+    }
+
+    void own(Piece &p) const
+    {
+        if (p.from >= 0) {
+            p.text = s.mid(p.from, p.to - p.from);
+            p.from = p.to = -1;
+        }
+    }
+
+    // Source text [a, b) as plain text: most text stays a slice of the source, and
+    // no string is made for it until the output needs one.
+    void slice(qsizetype a, qsizetype b)
+    {
+        if (a >= b)
+            return;
+        if (!pieces.empty() && plain(pieces.back())) {
+            Piece &last = pieces.back();
+            if (last.from >= 0 && last.to == a) {
+                last.to = b;
+                return;
+            }
+            if (last.from < 0 && last.text.isEmpty()) {
+                last.from = a;
+                last.to = b;
+                return;
+            }
+            own(last);
+            last.text += QStringView(s).mid(a, b - a);
             return;
         }
         Piece p;
-        p.text = std::move(t);
+        p.from = a;
+        p.to = b;
         pieces.push_back(std::move(p));
     }
 
-    bool isBracket(int piece) const
+    // Text that is not in the source as it stands (an escape, an entity).
+    void text(QStringView t)
     {
-        for (const auto &b : brackets)
-            if (b.piece == piece)
-                return true;
-        return false;
+        if (pieces.empty() || !plain(pieces.back()))
+            pieces.emplace_back();
+        Piece &last = pieces.back();
+        own(last);
+        last.text += t;
     }
 
     void scan()
     {
-        QString buffer;
-        auto flushText = [&] {
-            if (!buffer.isEmpty())
-                text(std::exchange(buffer, QString()));
-        };
         for (qsizetype i = 0; i < s.size();) {
             // Plain stretches go over in one piece.
-            qsizetype plain = i;
-            while (plain < s.size() && !special(s[plain]))
-                ++plain;
-            if (plain > i) {
-                buffer += QStringView(s).mid(i, plain - i);
-                i = plain;
+            qsizetype plainEnd = i;
+            while (plainEnd < s.size() && !special(s[plainEnd]))
+                ++plainEnd;
+            if (plainEnd > i) {
+                slice(i, plainEnd);
+                i = plainEnd;
                 if (i >= s.size())
                     break;
             }
@@ -118,13 +182,13 @@ private:
             if (c == QLatin1Char('\\')) {
                 const QChar n = at(i + 1);
                 if (!n.isNull() && isAsciiPunct(n)) {
-                    buffer += n;
+                    slice(i + 1, i + 2);
                     i += 2;
                 } else if (n == QLatin1Char('\n')) {
-                    buffer += QLatin1Char('\n'); // a hard break, kept as the line end it is
+                    slice(i + 1, i + 2); // a hard break, kept as the line end it is
                     i += 2;
                 } else {
-                    buffer += c;
+                    slice(i, i + 1);
                     ++i;
                 }
             } else if (c == QLatin1Char('`')) {
@@ -134,10 +198,9 @@ private:
                     qsizetype n = i;
                     while (n < s.size() && s[n] == QLatin1Char('`'))
                         ++n;
-                    buffer += QStringView(s).mid(i, n - i);
+                    slice(i, n);
                     i = n;
                 } else {
-                    flushText();
                     Piece p;
                     p.text = code;
                     p.fixed = Intent::code;
@@ -145,53 +208,55 @@ private:
                     i = end;
                 }
             } else if (c == QLatin1Char('*') || c == QLatin1Char('_') || c == QLatin1Char('~')) {
-                flushText();
                 i = delimiterRun(i);
             } else if (c == QLatin1Char('[') || (c == QLatin1Char('!') && at(i + 1) == QLatin1Char('['))) {
-                flushText();
                 const bool image = c == QLatin1Char('!');
                 Piece p;
-                p.text = image ? QStringLiteral("![") : QStringLiteral("[");
+                p.from = i;
+                p.to = i + (image ? 2 : 1);
+                p.bracket = true;
                 pieces.push_back(std::move(p));
                 brackets.push_back({int(pieces.size()) - 1, image, true});
                 i += image ? 2 : 1;
             } else if (c == QLatin1Char(']')) {
-                flushText();
                 i = closeBracket(i);
             } else if (c == QLatin1Char('<')) {
                 const qsizetype end = autolink(i);
                 if (end < 0) {
-                    buffer += c;
+                    slice(i, i + 1);
                     ++i;
                 } else {
-                    flushText();
                     i = end;
                 }
             } else if (c == QLatin1Char('&')) {
                 qsizetype end = i;
                 const QString decoded = entity(i, end);
                 if (decoded.isNull()) {
-                    buffer += c;
+                    slice(i, i + 1);
                     ++i;
                 } else {
-                    buffer += decoded;
+                    text(decoded);
                     i = end;
                 }
             } else {
-                buffer += c; // "!" without "["
+                slice(i, i + 1); // "!" without "["
                 ++i;
             }
         }
-        flushText();
     }
 
     // A code span opening at i: returns the index after it, or -1 when unmatched.
-    qsizetype codeSpan(qsizetype i, QString &code) const
+    qsizetype codeSpan(qsizetype i, QString &code)
     {
         qsizetype n = i;
         while (n < s.size() && s[n] == QLatin1Char('`'))
             ++n;
         const qsizetype ticks = n - i;
+        // A run of this length that found no closer before will find none from
+        // further on either: without this, "`a" repeated is quadratic.
+        qsizetype &known = noCloserFrom[size_t(std::min<qsizetype>(ticks, qsizetype(noCloserFrom.size()) - 1))];
+        if (ticks < qsizetype(noCloserFrom.size()) - 1 && known >= 0 && n >= known)
+            return -1;
         for (qsizetype j = n; j < s.size();) {
             if (s[j] != QLatin1Char('`')) {
                 ++j;
@@ -210,6 +275,8 @@ private:
             }
             j = k;
         }
+        if (ticks < qsizetype(noCloserFrom.size()) - 1)
+            known = n;
         return -1;
     }
 
@@ -225,6 +292,8 @@ private:
         const bool left = !isWhite(after) && (!isPunct(after) || isWhite(before) || isPunct(before));
         const bool right = !isWhite(before) && (!isPunct(before) || isWhite(after) || isPunct(after));
         Piece p;
+        p.from = i;
+        p.to = n;
         p.delim = c;
         p.count = p.original = count;
         if (c == QLatin1Char('_')) {
@@ -350,28 +419,31 @@ private:
     qsizetype closeBracket(qsizetype i)
     {
         if (brackets.empty()) {
-            text(QStringLiteral("]"));
+            slice(i, i + 1);
             return i + 1;
         }
         const Bracket bracket = brackets.back();
         brackets.pop_back();
+        pieces[bracket.piece].bracket = false;
+        const bool active = bracket.active && brackets.size() >= inactiveBelow;
+        inactiveBelow = std::min(inactiveBelow, brackets.size()); // the freed place takes live brackets again
         qsizetype end = i;
         QString destination;
-        if (!bracket.active || !inlineDestination(i + 1, destination, end)) {
+        if (!active || !inlineDestination(i + 1, destination, end)) {
             pieces[bracket.piece].fixed = Intent::none;
-            text(QStringLiteral("]"));
+            slice(i, i + 1);
             return i + 1;
         }
         processEmphasis(bracket.piece);
         const int linkIndex = int(links.size());
         links.push_back(destination);
+        pieces[bracket.piece].from = pieces[bracket.piece].to = -1;
         pieces[bracket.piece].text.clear();
         for (size_t p = size_t(bracket.piece) + 1; p < pieces.size(); ++p)
             if (pieces[p].link < 0)
                 pieces[p].link = linkIndex;
         if (!bracket.image)
-            for (auto &b : brackets)
-                b.active = false; // no links inside links
+            inactiveBelow = brackets.size(); // no links inside links: every bracket still open is dead
         // Following text must not merge into the link's last piece.
         Piece boundary;
         pieces.push_back(std::move(boundary));
@@ -379,7 +451,7 @@ private:
     }
 
     // "(" destination [title] ")" starting at i.
-    bool inlineDestination(qsizetype i, QString &destination, qsizetype &end) const
+    bool inlineDestination(qsizetype i, QString &destination, qsizetype &end)
     {
         if (at(i) != QLatin1Char('('))
             return false;
@@ -390,8 +462,11 @@ private:
         };
         skipSpace();
         if (at(j) == QLatin1Char('<')) {
-            const qsizetype close = s.indexOf(QLatin1Char('>'), j + 1);
-            if (close < 0 || s.mid(j + 1, close - j - 1).contains(QLatin1Char('\n')))
+            qsizetype close = j + 1;
+            while (close < s.size() && s[close] != QLatin1Char('>') && s[close] != QLatin1Char('\n')
+                   && s[close] != QLatin1Char('<'))
+                ++close;
+            if (close >= s.size() || s[close] != QLatin1Char('>'))
                 return false;
             destination = s.mid(j + 1, close - j - 1);
             j = close + 1;
@@ -404,8 +479,11 @@ private:
                     j += 2;
                     continue;
                 }
-                if (c == QLatin1Char('('))
-                    ++depth;
+                if (c == QLatin1Char('(')) {
+                    // As cmark does: 32 levels at most, which also keeps "[a](b" repeated linear.
+                    if (++depth > 32)
+                        return false;
+                }
                 else if (c == QLatin1Char(')')) {
                     if (depth == 0)
                         break;
@@ -421,7 +499,8 @@ private:
         const QChar quote = at(j);
         if (quote == QLatin1Char('"') || quote == QLatin1Char('\'') || quote == QLatin1Char('(')) {
             const QChar closing = quote == QLatin1Char('(') ? QLatin1Char(')') : quote;
-            const qsizetype close = s.indexOf(closing, j + 1);
+            const int which = closing == QLatin1Char(')') ? 1 : closing == QLatin1Char('"') ? 2 : 3;
+            const qsizetype close = find(which, closing, j + 1);
             if (close < 0)
                 return false;
             j = close + 1;
@@ -436,8 +515,12 @@ private:
     // <scheme:…> or <user@host>.
     qsizetype autolink(qsizetype i)
     {
-        const qsizetype close = s.indexOf(QLatin1Char('>'), i + 1);
-        if (close < 0)
+        // Stops at what no autolink holds, so "<a" repeated stays linear.
+        qsizetype close = i + 1;
+        while (close < s.size() && s[close] != QLatin1Char('>') && s[close] != QLatin1Char(' ')
+               && s[close] != QLatin1Char('<') && s[close] != QLatin1Char('\n'))
+            ++close;
+        if (close >= s.size() || s[close] != QLatin1Char('>'))
             return -1;
         const QString inner = s.mid(i + 1, close - i - 1);
         if (inner.isEmpty() || inner.contains(QLatin1Char(' ')) || inner.contains(QLatin1Char('<'))
@@ -449,7 +532,8 @@ private:
         if (!uri && !mail)
             return -1;
         Piece p;
-        p.text = inner;
+        p.from = i + 1;
+        p.to = close;
         p.link = int(links.size());
         links.push_back(mail ? QStringLiteral("mailto:") + inner : inner);
         pieces.push_back(std::move(p));
@@ -459,8 +543,10 @@ private:
     // &name; or &#…; at i; a null string when it is none.
     QString entity(qsizetype i, qsizetype &end) const
     {
-        const qsizetype semicolon = s.indexOf(QLatin1Char(';'), i + 1);
-        if (semicolon < 0 || semicolon - i > 10)
+        qsizetype semicolon = i + 1;
+        while (semicolon < s.size() && semicolon - i <= 10 && s[semicolon] != QLatin1Char(';'))
+            ++semicolon;
+        if (semicolon >= s.size() || semicolon - i > 10 || s[semicolon] != QLatin1Char(';'))
             return {};
         const QString name = s.mid(i + 1, semicolon - i - 1);
         end = semicolon + 1;
@@ -498,65 +584,199 @@ private:
                 i = i | Intent::strikethrough;
             return i;
         };
+        // The run being gathered: a slice of the source while its pieces follow each
+        // other there, its own string once they do not.
+        bool gathering = false;
+        Intent runIntents = Intent::none;
+        int runLink = -1;
+        qsizetype runFrom = -1;
+        qsizetype runTo = -1;
+        QString runText;
+        auto sameLink = [&](int a, int b) { return a == b || (a >= 0 && b >= 0 && links[size_t(a)] == links[size_t(b)]); };
+        auto flush = [&] {
+            if (!gathering)
+                return;
+            QString t = runFrom >= 0 ? s.mid(runFrom, runTo - runFrom) : std::move(runText);
+            runText = QString();
+            gathering = false;
+            if (t.isEmpty())
+                return;
+            out.runs.push_back({std::move(t), runIntents, runLink >= 0 ? links[size_t(runLink)] : QString()});
+        };
+        auto put = [&](Intent in, int link, qsizetype a, qsizetype b, const QString &owned) {
+            if (a >= 0 ? a >= b : owned.isEmpty())
+                return;
+            if (gathering && (in != runIntents || !sameLink(link, runLink)))
+                flush();
+            if (!gathering) {
+                gathering = true;
+                runIntents = in;
+                runLink = link;
+                runFrom = a;
+                runTo = b;
+                if (a < 0)
+                    runText = owned;
+                return;
+            }
+            if (runFrom >= 0 && a >= 0 && runTo == a) {
+                runTo = b;
+                return;
+            }
+            if (runFrom >= 0) {
+                runText = s.mid(runFrom, runTo - runFrom);
+                runFrom = runTo = -1;
+            }
+            if (a >= 0)
+                runText += QStringView(s).mid(a, b - a);
+            else
+                runText += owned;
+        };
         for (const Piece &p : pieces) {
-            const QString link = p.link >= 0 ? links[size_t(p.link)] : QString();
             if (p.delim.isNull()) {
-                out.append(p.text, intents(p), link);
+                put(intents(p), p.link, p.from, p.to, p.text);
                 continue;
             }
             for (int k = 0; k < 3; ++k)
                 open[k] -= p.closes[k];
-            if (p.count > 0)
-                out.append(QString(p.count, p.delim), intents(p), link);
+            if (p.count > 0) {
+                // What is left of a run is the same character throughout; take it from
+                // the side that touches the text it stands beside.
+                const bool closed = p.closes[0] + p.closes[1] + p.closes[2] > 0;
+                const qsizetype a = closed ? p.to - p.count : p.from;
+                put(intents(p), p.link, a, a + p.count, QString());
+            }
             for (int k = 0; k < 3; ++k)
                 open[k] += p.opensCount[k];
         }
+        flush();
         return out;
     }
 };
 
-// Character-level view of rendered text, for the repair.
-struct Flat {
-    QString text;
-    std::vector<Intent> intents;
-    std::vector<QString> links;
-
-    explicit Flat(const InlineText &in)
+// The repair of strong emphasis over one line of rendered text, in the text's own
+// indices. Removed characters are skipped through a union-find "next live" table,
+// so a removal costs nothing to the text; strong is added through a difference
+// table. A search for a closer leaves a jump behind at every place it passed, so
+// no later search walks the same stretch again: the work stays linear in the line.
+class BoldRepair {
+public:
+    BoldRepair(const QString &text, const std::vector<Intent> &intents, std::vector<int> &next, std::vector<int> &strong,
+               std::vector<int> &jump)
+        : t(text), intents(intents), next(next), strong(strong), jump(jump)
     {
-        for (const auto &run : in.runs) {
-            text += run.text;
-            intents.insert(intents.end(), size_t(run.text.size()), run.intents);
-            links.insert(links.end(), size_t(run.text.size()), run.link);
+    }
+
+    // Repairs [from, to), which holds no line feed.
+    void line(qsizetype from, qsizetype to)
+    {
+        end = int(to);
+        int cursor = int(from);
+        for (;;) {
+            const int opener = occurrence(cursor);
+            if (opener < 0)
+                return;
+            const int second = live(opener + 1);
+            const int openerEnd = live(second + 1);
+            if (code(opener) || code(second) || openerEnd >= end || t[openerEnd].isSpace()) {
+                cursor = openerEnd;
+                continue;
+            }
+            const int closer = closerAfter(openerEnd);
+            // A search that finds nothing means no later opener of this line finds
+            // anything either: each would search a tail of the same chain.
+            if (closer < 0)
+                return;
+            ++strong[size_t(openerEnd)];
+            --strong[size_t(closer)];
+            remove(live(closer + 1));
+            remove(closer);
+            remove(second);
+            remove(opener);
+            cursor = openerEnd;
         }
     }
 
-    bool codeIn(qsizetype from, qsizetype length) const
-    {
-        for (qsizetype k = from; k < from + length; ++k)
-            if (has(intents[size_t(k)], Intent::code))
-                return true;
-        return false;
-    }
+private:
+    const QString &t;
+    const std::vector<Intent> &intents;
+    std::vector<int> &next; // union-find: the first live index at or after i
+    std::vector<int> &strong;
+    std::vector<int> &jump; // from a search position: where the search goes on; -1 none
+    int end = 0;
+    std::vector<int> passed;
 
-    void remove(qsizetype at, qsizetype length)
-    {
-        text.remove(at, length);
-        intents.erase(intents.begin() + at, intents.begin() + at + length);
-        links.erase(links.begin() + at, links.begin() + at + length);
-    }
+    bool code(int i) const { return has(intents[size_t(i)], Intent::code); }
 
-    InlineText runs() const
+    int live(int i)
     {
-        InlineText out;
-        for (qsizetype start = 0; start < text.size();) {
-            qsizetype end = start + 1;
-            while (end < text.size() && intents[size_t(end)] == intents[size_t(start)]
-                   && links[size_t(end)] == links[size_t(start)])
-                ++end;
-            out.append(text.mid(start, end - start), intents[size_t(start)], links[size_t(start)]);
-            start = end;
+        int root = i;
+        while (root < end && next[size_t(root)] != root)
+            root = next[size_t(root)];
+        while (i < root) {
+            const int up = next[size_t(i)];
+            next[size_t(i)] = root;
+            i = up;
         }
-        return out;
+        return std::min(root, end);
+    }
+
+    void remove(int i) { next[size_t(i)] = i + 1; }
+    bool removed(int i) const { return next[size_t(i)] != i; }
+
+    // The first "**" of live characters starting at or after i; -1 when none.
+    int occurrence(int i)
+    {
+        for (i = live(i); i < end;) {
+            const int following = live(i + 1);
+            if (t[i] == QLatin1Char('*') && following < end && t[following] == QLatin1Char('*'))
+                return i;
+            i = following;
+        }
+        return -1;
+    }
+
+    int followJumps(int from)
+    {
+        int target = from;
+        while (jump[size_t(target)] >= 0)
+            target = jump[size_t(target)];
+        while (jump[size_t(from)] >= 0 && jump[size_t(from)] != target) {
+            const int up = jump[size_t(from)];
+            jump[size_t(from)] = target;
+            from = up;
+        }
+        return live(target);
+    }
+
+    // The first "**" after the opener's end that may close it: not at the opener's
+    // end itself (no empty bold), outside code, and not behind white space.
+    int closerAfter(int openerEnd)
+    {
+        passed.clear();
+        int from = openerEnd;
+        for (bool first = true;; first = false) {
+            if (!first && from < end) {
+                passed.push_back(from);
+                from = followJumps(from);
+            }
+            const int candidate = from < end ? occurrence(from) : -1;
+            if (candidate < 0) {
+                for (int p : passed)
+                    jump[size_t(p)] = end; // nothing beyond: a later search ends at once
+                return -1;
+            }
+            const int second = live(candidate + 1);
+            // A removed character just behind the candidate belonged to an accepted
+            // closer, whose own predecessor was not white space.
+            const bool afterBlank = !removed(candidate - 1) && t[candidate - 1].isSpace();
+            if (candidate != openerEnd && !code(candidate) && !code(second) && !afterBlank) {
+                for (int p : passed)
+                    if (p < candidate)
+                        jump[size_t(p)] = candidate;
+                return candidate;
+            }
+            from = live(second + 1);
+        }
     }
 };
 
@@ -577,53 +797,75 @@ InlineText InlineMarkdown::render(const QString &text)
         out.append(text, Intent::none, QString());
         return out;
     }
-    return Parser(text).run();
+    static thread_local Lists lists;
+    return Parser(text, lists).run();
 }
 
 void InlineMarkdown::boldLeftovers(InlineText &in)
 {
-    static const QString stars = QStringLiteral("**");
     bool anyStar = false;
     for (const auto &run : in.runs)
         anyStar = anyStar || run.text.contains(QLatin1Char('*'));
-    if (!anyStar || !in.plain().contains(stars))
+    if (!anyStar)
         return;
-    Flat f(in);
-    bool changed = false;
-    qsizetype cursor = 0;
-    for (;;) {
-        const qsizetype opener = f.text.indexOf(stars, cursor);
-        if (opener < 0)
-            break;
-        const qsizetype openerEnd = opener + 2;
-        if (f.codeIn(opener, 2) || openerEnd >= f.text.size() || f.text[openerEnd].isSpace()) {
-            cursor = openerEnd;
-            continue;
-        }
-        qsizetype closer = -1;
-        for (qsizetype from = openerEnd;;) {
-            const qsizetype candidate = f.text.indexOf(stars, from);
-            if (candidate < 0)
-                break;
-            if (candidate > openerEnd && !f.codeIn(candidate, 2) && !f.text[candidate - 1].isSpace()) {
-                closer = candidate;
-                break;
-            }
-            from = candidate + 2;
-        }
-        if (closer < 0 || QStringView(f.text).mid(openerEnd, closer - openerEnd).contains(QLatin1Char('\n'))) {
-            cursor = openerEnd;
-            continue;
-        }
-        for (qsizetype k = openerEnd; k < closer; ++k)
-            f.intents[size_t(k)] = f.intents[size_t(k)] | Intent::strong;
-        f.remove(closer, 2);
-        f.remove(opener, 2);
-        changed = true;
-        cursor = 0;
+    QString text;
+    for (const auto &run : in.runs)
+        text += run.text;
+    if (!text.contains(QLatin1String("**")))
+        return;
+    const size_t n = size_t(text.size());
+    std::vector<Intent> intents;
+    std::vector<int> runOf;
+    intents.reserve(n);
+    runOf.reserve(n);
+    for (size_t r = 0; r < in.runs.size(); ++r) {
+        intents.insert(intents.end(), size_t(in.runs[r].text.size()), in.runs[r].intents);
+        runOf.insert(runOf.end(), size_t(in.runs[r].text.size()), int(r));
     }
-    if (changed)
-        in = f.runs();
+    std::vector<int> next(n + 1);
+    for (size_t i = 0; i <= n; ++i)
+        next[i] = int(i);
+    std::vector<int> strong(n + 1, 0);
+    std::vector<int> jump(n + 1, -1);
+    BoldRepair repair(text, intents, next, strong, jump);
+    // A bold span never crosses a line, so each line is repaired on its own.
+    bool changed = false;
+    for (qsizetype from = 0; from <= text.size();) {
+        qsizetype to = text.indexOf(QLatin1Char('\n'), from);
+        if (to < 0)
+            to = text.size();
+        if (QStringView(text).mid(from, to - from).contains(QLatin1String("**"))) {
+            repair.line(from, to);
+            changed = true;
+        }
+        from = to + 1;
+    }
+    if (!changed)
+        return;
+    InlineText out;
+    int depth = 0;
+    Intent current = Intent::none;
+    int currentRun = -1;
+    QString piece;
+    auto flush = [&] {
+        if (!piece.isEmpty())
+            out.append(piece, current, in.runs[size_t(currentRun)].link);
+        piece.clear();
+    };
+    for (size_t i = 0; i < n; ++i) {
+        depth += strong[i];
+        if (next[i] != int(i))
+            continue; // removed
+        const Intent intent = depth > 0 ? intents[i] | Intent::strong : intents[i];
+        if (intent != current || runOf[i] != currentRun) {
+            flush();
+            current = intent;
+            currentRun = runOf[i];
+        }
+        piece += text[qsizetype(i)];
+    }
+    flush();
+    in = std::move(out);
 }
 
 } // namespace zuv

@@ -144,6 +144,14 @@ TEST(MarkdownBlocks, theCacheServesTheSameParse)
         MarkdownView::blocks(QString::number(i));
     const auto again = MarkdownView::blocks("# cached\ntext");
     EXPECT_EQ(*again, *first);
+    EXPECT_NE(again.get(), first.get()) << "pushed out by 300 newer texts, parsed anew";
+
+    // Within the limit, every text is served from the cache, however often asked.
+    std::vector<std::shared_ptr<const MarkdownView::Blocks>> held;
+    for (int i = 0; i < MarkdownView::cacheLimit - 1; ++i)
+        held.push_back(MarkdownView::blocks(QStringLiteral("text %1").arg(i)));
+    for (int i = 0; i < MarkdownView::cacheLimit - 1; ++i)
+        EXPECT_EQ(MarkdownView::blocks(QStringLiteral("text %1").arg(i)).get(), held[size_t(i)].get()) << i;
 }
 
 TEST(MarkdownInline, emphasisCodeLinksAndWhitespace)
@@ -161,6 +169,13 @@ TEST(MarkdownInline, emphasisCodeLinksAndWhitespace)
     EXPECT_EQ(runs("\\*not\\* &amp; &#65;"), (QStringList{"*not* & A"}));
     EXPECT_EQ(runs("``a ` b``"), (QStringList{"[C]a ` b"}));
     EXPECT_EQ(runs("`unclosed"), (QStringList{"`unclosed"}));
+    EXPECT_EQ(runs("``x `b` `c`"), (QStringList{"``x ", "[C]b", " ", "[C]c"})) << "unmatched runs do not stop later spans";
+    EXPECT_EQ(runs("[a [b](c) d](e)"), (QStringList{"[a ", "[L=c]b", " d](e)"})) << "no link around a link";
+    EXPECT_EQ(runs("[x](y) [z](w)"), (QStringList{"[L=y]x", " ", "[L=w]z"}));
+    EXPECT_EQ(runs("[![i](p) t](u) [v](w)"), (QStringList{"[L=p]i", "[L=u] t", " ", "[L=w]v"}));
+    EXPECT_EQ(runs("[a](<b>) [c](<d\ne>)"), (QStringList{"[L=b]a", " [c](<d\ne>)"}));
+    EXPECT_EQ(runs("&amp &abcdefghijk; &lt;"), (QStringList{"&amp &abcdefghijk; <"}));
+    EXPECT_EQ(runs("<a b> <ab:c>"), (QStringList{"<a b> ", "[L=ab:c]ab:c"}));
 }
 
 TEST(MarkdownInline, boldLeftoversRepairsOnlyWhatItShould)
