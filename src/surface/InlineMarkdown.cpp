@@ -19,15 +19,25 @@ bool isPunct(QChar c) { return isAsciiPunct(c) || c.isPunct(); }
 // The start and end of the text count as white space for flanking.
 bool isWhite(QChar c) { return c.isNull() || c.isSpace(); }
 
-// Characters that may start markup; everything else is plain text.
-bool special(QChar c)
+// Characters that may start markup; everything else is plain text. A table,
+// since every character of every reply passes through here.
+constexpr std::array<bool, 128> specialTable = [] {
+    std::array<bool, 128> table{};
+    for (char c : {'\\', '`', '*', '_', '~', '[', '!', ']', '<', '&'})
+        table[size_t(c)] = true;
+    return table;
+}();
+
+bool special(QChar c) { return c.unicode() < 128 && specialTable[c.unicode()]; }
+
+// The first special character at or after `from`, or the size.
+qsizetype nextSpecial(const QString &s, qsizetype from)
 {
-    switch (c.unicode()) {
-    case '\\': case '`': case '*': case '_': case '~': case '[': case '!': case ']': case '<': case '&':
-        return true;
-    default:
-        return false;
-    }
+    const char16_t *data = reinterpret_cast<const char16_t *>(s.constData());
+    const qsizetype n = s.size();
+    while (from < n && (data[from] >= 128 || !specialTable[data[from]]))
+        ++from;
+    return from;
 }
 
 // A piece of the rendered output: literal text, or a run of delimiter characters
@@ -92,6 +102,7 @@ private:
     std::vector<QString> &links;
     std::vector<Bracket> &brackets;
     int lastDelim = -1; // tail of the active-delimiter list
+    static constexpr int maxParenDepth = 8;
     // Brackets at positions below this in `brackets` can no longer make links.
     size_t inactiveBelow = 0;
     // Code spans: a backtick run of this length found no closer from this index on.
@@ -169,9 +180,7 @@ private:
     {
         for (qsizetype i = 0; i < s.size();) {
             // Plain stretches go over in one piece.
-            qsizetype plainEnd = i;
-            while (plainEnd < s.size() && !special(s[plainEnd]))
-                ++plainEnd;
+            const qsizetype plainEnd = nextSpecial(s, i);
             if (plainEnd > i) {
                 slice(i, plainEnd);
                 i = plainEnd;
@@ -473,23 +482,26 @@ private:
         } else {
             int depth = 0;
             const qsizetype start = j;
-            while (j < s.size() && !s[j].isSpace()) {
-                const QChar c = s[j];
-                if (c == QLatin1Char('\\') && j + 1 < s.size() && isAsciiPunct(s[j + 1])) {
-                    j += 2;
-                    continue;
-                }
-                if (c == QLatin1Char('(')) {
-                    // As cmark does: 32 levels at most, which also keeps "[a](b" repeated linear.
-                    if (++depth > 32)
+            const char16_t *data = reinterpret_cast<const char16_t *>(s.constData());
+            const qsizetype n = s.size();
+            for (; j < n; ++j) {
+                const char16_t c = data[j];
+                if (c == u' ' || c == u'\n' || c == u'\t' || (c >= 128 && QChar(c).isSpace()) || c == u'\r'
+                    || c == u'\f' || c == u'\v')
+                    break;
+                if (c == u'\\' && j + 1 < n && isAsciiPunct(QChar(data[j + 1]))) {
+                    ++j;
+                } else if (c == u'(') {
+                    // CommonMark lets an implementation limit the nesting (three levels
+                    // at least); eight keeps "[a](b" repeated cheap, as each failed
+                    // destination reads on through the parentheses of those after it.
+                    if (++depth > maxParenDepth)
                         return false;
-                }
-                else if (c == QLatin1Char(')')) {
+                } else if (c == u')') {
                     if (depth == 0)
                         break;
                     --depth;
                 }
-                ++j;
             }
             if (depth != 0)
                 return false;
@@ -785,14 +797,7 @@ private:
 InlineText InlineMarkdown::render(const QString &text)
 {
     // Most lines hold no markup at all.
-    bool plain = true;
-    for (QChar c : text) {
-        if (special(c)) {
-            plain = false;
-            break;
-        }
-    }
-    if (plain) {
+    if (nextSpecial(text, 0) == text.size()) {
         InlineText out;
         out.append(text, Intent::none, QString());
         return out;
@@ -814,19 +819,27 @@ void InlineMarkdown::boldLeftovers(InlineText &in)
     if (!text.contains(QLatin1String("**")))
         return;
     const size_t n = size_t(text.size());
-    std::vector<Intent> intents;
-    std::vector<int> runOf;
-    intents.reserve(n);
-    runOf.reserve(n);
+    // Scratch tables kept between calls: a reply repairs many short lines.
+    static thread_local struct {
+        std::vector<Intent> intents;
+        std::vector<int> runOf, next, strong, jump;
+    } scratch;
+    auto &intents = scratch.intents;
+    auto &runOf = scratch.runOf;
+    intents.clear();
+    runOf.clear();
     for (size_t r = 0; r < in.runs.size(); ++r) {
         intents.insert(intents.end(), size_t(in.runs[r].text.size()), in.runs[r].intents);
         runOf.insert(runOf.end(), size_t(in.runs[r].text.size()), int(r));
     }
-    std::vector<int> next(n + 1);
+    auto &next = scratch.next;
+    next.resize(n + 1);
     for (size_t i = 0; i <= n; ++i)
         next[i] = int(i);
-    std::vector<int> strong(n + 1, 0);
-    std::vector<int> jump(n + 1, -1);
+    auto &strong = scratch.strong;
+    strong.assign(n + 1, 0);
+    auto &jump = scratch.jump;
+    jump.assign(n + 1, -1);
     BoldRepair repair(text, intents, next, strong, jump);
     // A bold span never crosses a line, so each line is repaired on its own.
     bool changed = false;
@@ -843,28 +856,39 @@ void InlineMarkdown::boldLeftovers(InlineText &in)
     if (!changed)
         return;
     InlineText out;
+    out.runs.reserve(in.runs.size() + 2);
     int depth = 0;
     Intent current = Intent::none;
     int currentRun = -1;
     QString piece;
-    auto flush = [&] {
+    qsizetype stretch = -1; // start of the live characters not yet copied into `piece`
+    auto copy = [&](qsizetype upTo) {
+        if (stretch >= 0 && upTo > stretch)
+            piece += QStringView(text).mid(stretch, upTo - stretch);
+        stretch = -1;
+    };
+    auto flush = [&](qsizetype upTo) {
+        copy(upTo);
         if (!piece.isEmpty())
             out.append(piece, current, in.runs[size_t(currentRun)].link);
         piece.clear();
     };
     for (size_t i = 0; i < n; ++i) {
         depth += strong[i];
-        if (next[i] != int(i))
-            continue; // removed
+        if (next[i] != int(i)) {
+            copy(qsizetype(i)); // removed
+            continue;
+        }
         const Intent intent = depth > 0 ? intents[i] | Intent::strong : intents[i];
         if (intent != current || runOf[i] != currentRun) {
-            flush();
+            flush(qsizetype(i));
             current = intent;
             currentRun = runOf[i];
         }
-        piece += text[qsizetype(i)];
+        if (stretch < 0)
+            stretch = qsizetype(i);
     }
-    flush();
+    flush(qsizetype(n));
     in = std::move(out);
 }
 

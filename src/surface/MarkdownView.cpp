@@ -95,19 +95,66 @@ int leadingSpaces(QStringView raw)
     return n;
 }
 
+// Lines joined by line feeds. While the lines follow each other in the source
+// unchanged, the joined text is that stretch of the source, taken in one piece
+// at the end: no string grows line by line.
+struct Joined {
+    const QString &source;
+    qsizetype from = -1;
+    qsizetype to = -1;
+    QString text;
+    bool any = false;
+
+    explicit Joined(const QString &s) : source(s) {}
+
+    // `offset` is where `line` stands in the source; -1 when it is not there as is.
+    void add(QStringView line, qsizetype offset)
+    {
+        if (!any) {
+            any = true;
+            if (offset >= 0) {
+                from = offset;
+                to = offset + line.size();
+            } else {
+                text = line.toString();
+            }
+            return;
+        }
+        if (from >= 0 && offset == to + 1) {
+            to = offset + line.size();
+            return;
+        }
+        if (from >= 0) {
+            text = source.mid(from, to - from);
+            from = to = -1;
+        }
+        text += QLatin1Char('\n');
+        text += line;
+    }
+
+    QString take()
+    {
+        QString out = from >= 0 ? source.mid(from, to - from) : std::move(text);
+        text = QString();
+        from = to = -1;
+        any = false;
+        return out;
+    }
+};
+
 struct Builder {
+    explicit Builder(const QString &source) : paragraph(source) {}
     MarkdownView::Blocks out;
-    QString paragraph; // its lines joined by line feeds, as they come
+    Joined paragraph;
     bool inParagraph = false;
     std::vector<MarkdownView::Item> items;
-    QStringList quote;
+    QString quote; // stripped lines joined by line feeds
+    bool inQuote = false;
     QStringList table;
 
-    void addToParagraph(QStringView line)
+    void addToParagraph(QStringView line, qsizetype offset)
     {
-        if (inParagraph)
-            paragraph += QLatin1Char('\n');
-        paragraph += line;
+        paragraph.add(line, offset);
         inParagraph = true;
     }
     void flushParagraph()
@@ -116,7 +163,7 @@ struct Builder {
             return;
         MarkdownView::Block b;
         b.kind = MarkdownView::Block::Kind::paragraph;
-        b.text = std::exchange(paragraph, QString());
+        b.text = paragraph.take();
         out.push_back(std::move(b));
         inParagraph = false;
     }
@@ -132,13 +179,13 @@ struct Builder {
     }
     void flushQuote()
     {
-        if (quote.isEmpty())
+        if (!inQuote)
             return;
         MarkdownView::Block b;
         b.kind = MarkdownView::Block::Kind::quote;
-        b.text = quote.join(QLatin1Char('\n'));
+        b.text = std::exchange(quote, QString());
         out.push_back(std::move(b));
-        quote.clear();
+        inQuote = false;
     }
     void flushTable()
     {
@@ -175,30 +222,34 @@ struct Parsed {
 
 MarkdownView::Blocks MarkdownView::parse(const QString &text)
 {
-    Builder b;
+    Builder b(text);
     b.out.reserve(size_t(text.size() / 80 + 4));
-    std::optional<QStringList> fence;
+    bool inFence = false;
+    Joined fence(text);
     QString expanded;
+    const QChar *base = text.constData();
     for (QStringView line : QStringTokenizer(text, QLatin1Char('\n'))) {
         QStringView raw = line;
+        qsizetype offset = line.data() - base; // where the line stands in the source
         if (line.contains(QLatin1Char('\t'))) {
             expanded = line.toString().replace(QLatin1Char('\t'), QStringLiteral("    "));
             raw = expanded;
+            offset = -1;
         }
         const QStringView trimmed = trimBlanks(raw);
 
-        if (fence) {
+        if (inFence) {
             if (trimmed.startsWith(QLatin1String("```"))) {
-                b.add(Block::Kind::code, fence->join(QLatin1Char('\n')));
-                fence.reset();
+                b.add(Block::Kind::code, fence.take());
+                inFence = false;
             } else {
-                fence->append(raw.toString());
+                fence.add(raw, offset);
             }
             continue;
         }
         if (trimmed.startsWith(QLatin1String("```"))) {
             b.flush();
-            fence.emplace();
+            inFence = true;
             continue;
         }
         if (trimmed.isEmpty()) {
@@ -231,7 +282,10 @@ MarkdownView::Blocks MarkdownView::parse(const QString &text)
             b.flushParagraph();
             b.flushList();
             b.flushTable();
-            b.quote.append(trimBlanks(trimmed.mid(1)).toString());
+            if (b.inQuote)
+                b.quote += QLatin1Char('\n');
+            b.quote += trimBlanks(trimmed.mid(1));
+            b.inQuote = true;
             continue;
         }
         if (trimmed.startsWith(QLatin1Char('|'))) {
@@ -248,10 +302,10 @@ MarkdownView::Blocks MarkdownView::parse(const QString &text)
         b.flushList();
         b.flushQuote();
         b.flushTable();
-        b.addToParagraph(raw);
+        b.addToParagraph(raw, offset);
     }
-    if (fence)
-        b.add(Block::Kind::code, fence->join(QLatin1Char('\n')));
+    if (inFence)
+        b.add(Block::Kind::code, fence.take());
     b.flush();
     return std::move(b.out);
 }
@@ -284,7 +338,9 @@ QStringList MarkdownView::Table::cells(const QString &line)
     QStringList out;
     QString cell;
     bool escaped = false;
-    qsizetype plain = 0; // start of the characters not yet copied into `cell`
+    bool copied = false;     // the cell so far is in `cell`, not only in the source
+    qsizetype start = 0;     // where the cell begins in the source
+    qsizetype plain = 0;     // start of the characters not yet copied into `cell`
     for (qsizetype i = 0; i < s.size(); ++i) {
         const QChar c = s[i];
         if (escaped) {
@@ -293,16 +349,27 @@ QStringList MarkdownView::Table::cells(const QString &line)
             cell += c;
             escaped = false;
             plain = i + 1;
-        } else if (c == QLatin1Char('\\') || c == QLatin1Char('|')) {
+        } else if (c == QLatin1Char('\\')) {
             cell += s.mid(plain, i - plain);
+            copied = true;
             plain = i + 1;
-            if (c == QLatin1Char('\\')) {
-                escaped = true;
-            } else {
+            escaped = true;
+        } else if (c == QLatin1Char('|')) {
+            // A cell without escapes is a stretch of the source: one string, made once.
+            if (copied) {
+                cell += s.mid(plain, i - plain);
                 out << cell.trimmed();
-                cell.clear();
+            } else {
+                out << s.mid(start, i - start).trimmed().toString();
             }
+            cell.clear();
+            copied = false;
+            start = plain = i + 1;
         }
+    }
+    if (!copied) {
+        out << s.mid(start).trimmed().toString();
+        return out;
     }
     if (!escaped)
         cell += s.mid(plain);
