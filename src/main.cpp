@@ -82,7 +82,7 @@ int main(int argc, char **argv)
     SettingsModel settings(api, models);
     SettingsModel::setShared(&settings);
 
-    QtSynthesizer synthesizer;
+    QtSynthesizer synthesizer(clock);
     Cld2LanguageDetector languages;
     Speaker speaker(synthesizer, languages);
     Narrator::setShared(&speaker);

@@ -260,18 +260,19 @@ TEST_F(DiagnosticsTest, scansComeThreeSecondsAfterStartAndFifteenAfterACrash)
 {
     auto diagnostics = make();
     diagnostics->start();
-    clock.advance(2.9);
+    // Steps that add up exactly in binary floating point.
+    clock.advance(2.875);
     test::drain();
     EXPECT_FALSE(diagnostics->scanning());
-    clock.advance(0.1);
+    clock.advance(0.125);
     EXPECT_TRUE(diagnostics->scanning());
     ASSERT_TRUE(test::waitUntil([&] { return !diagnostics->scanning(); }, 20000));
 
     diagnostics->childExited("zuv-screen", SIGSEGV, true, "");
-    clock.advance(14.9);
+    clock.advance(14.875);
     test::drain();
     EXPECT_FALSE(diagnostics->scanning());
-    clock.advance(0.1);
+    clock.advance(0.125);
     EXPECT_TRUE(diagnostics->scanning());
     ASSERT_TRUE(test::waitUntil([&] { return !diagnostics->scanning(); }, 20000));
 

@@ -330,10 +330,10 @@ TEST(MacAPISocket, aHandshakeThatNeverFinishesIsAbortedAfterSixtySeconds)
     ASSERT_TRUE(test::waitUntil([&] { return upgrades == 1; }));
     bool ended = false;
     QObject::connect(socket.get(), &QWebSocket::disconnected, [&] { ended = true; });
-    f.clock.advance(59.9);
+    f.clock.advance(59.875);
     test::drain();
     EXPECT_FALSE(ended);
     EXPECT_NE(socket->state(), QAbstractSocket::UnconnectedState);
-    f.clock.advance(0.1);
+    f.clock.advance(0.125);
     ASSERT_TRUE(test::waitUntil([&] { return ended || socket->state() == QAbstractSocket::UnconnectedState; }));
 }

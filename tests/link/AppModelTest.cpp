@@ -81,10 +81,10 @@ TEST_F(AppModelTest, pairsAfterPollingAndStoresTheToken)
     for (int expected = 1; expected <= 4; ++expected) {
         ASSERT_TRUE(pollerAsleep());
         EXPECT_EQ(polls(), expected - 1) << "no poll before two seconds have passed";
-        clock.advance(1.9);
+        clock.advance(1.875);
         test::drain();
         EXPECT_EQ(polls(), expected - 1);
-        clock.advance(0.1);
+        clock.advance(0.125);
         ASSERT_TRUE(test::waitUntil([&] { return polls() == expected; })) << expected;
     }
     ASSERT_TRUE(test::waitUntil([&] { return model.pairing().state == State::paired; }));
@@ -237,10 +237,10 @@ TEST_F(AppModelTest, runningTwiceIsToldOnlyOnASecondCloseWithinAMinute)
 
     // A later "hub connected": cleared 30 seconds on, with no replacement meanwhile.
     model.clearReplacedLater();
-    clock.advance(29.9);
+    clock.advance(29.875);
     test::drain();
     EXPECT_TRUE(model.lastError());
-    clock.advance(0.1);
+    clock.advance(0.125);
     EXPECT_FALSE(model.lastError());
 }
 

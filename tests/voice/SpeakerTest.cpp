@@ -1,3 +1,4 @@
+#include "base/Clock.h"
 #include "base/Job.h"
 #include "base/Log.h"
 #include "platform/linux/Cld2LanguageDetector.h"
@@ -117,18 +118,41 @@ TEST(Speaker, languagesMapToTheirTags)
     EXPECT_EQ(speaker.language(""), "en-US");
 }
 
-// The real synthesiser on this session's speech-dispatcher: it either speaks to
-// the end (finished comes) or tells why it cannot.
-TEST(QtSynthesizer, speaksOrSaysWhyNot)
+// The real synthesiser on the test session's speech-dispatcher, which speaks with
+// espeak-ng into a null audio device: an utterance must begin and run to its end.
+TEST(QtSynthesizer, aRealUtteranceRunsToItsEnd)
 {
-    QtSynthesizer synth;
-    if (!synth.available()) {
-        EXPECT_FALSE(synth.problem().isEmpty());
-        return;
-    }
-    bool finished = false;
-    QObject::connect(&synth, &Synthesizer::finished, [&] { finished = true; });
-    synth.say("One.", "en-US", 1.05);
+    RealClock clock;
+    QtSynthesizer synth(clock);
+    ASSERT_TRUE(synth.available()) << synth.problem().toStdString();
+    int finished = 0;
+    QObject::connect(&synth, &Synthesizer::finished, [&] { ++finished; });
+    synth.say("Zuv reads this sentence aloud, all of it.", "en-US", 1.05);
+    ASSERT_TRUE(test::waitUntil([&] { return finished == 1; }, 90000)) << synth.problem().toStdString();
+    EXPECT_EQ(synth.completed(), 1) << synth.problem().toStdString();
+
+    // Stopped mid-way: finished once, and not counted as spoken to the end.
+    synth.say("This one is stopped before it can end, however long it would have taken to say.", "en-US", 1.0);
     synth.stop();
-    EXPECT_TRUE(test::waitUntil([&] { return finished || !synth.available(); }, 10000));
+    EXPECT_EQ(finished, 2);
+    test::drain();
+    EXPECT_EQ(finished, 2);
+    EXPECT_EQ(synth.completed(), 1);
+}
+
+// No speech service at all: say() finishes at once, and why is told.
+TEST(QtSynthesizer, withoutTheServiceSayFinishesAtOnce)
+{
+    qputenv("SPEECHD_ADDRESS", "unix_socket:/nonexistent/speechd.sock");
+    TestClock clock;
+    QtSynthesizer synth(clock);
+    int finished = 0;
+    QObject::connect(&synth, &Synthesizer::finished, [&] { ++finished; });
+    synth.say("Nobody hears this.", "en-US", 1.0);
+    ASSERT_TRUE(test::waitUntil([&] { return finished == 1; }, 5000));
+    clock.advance(QtSynthesizer::startLimit + 1);
+    test::drain();
+    EXPECT_EQ(finished, 1) << "finished exactly once";
+    EXPECT_FALSE(synth.problem().isEmpty());
+    EXPECT_EQ(synth.completed(), 0);
 }
