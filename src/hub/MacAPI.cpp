@@ -48,13 +48,13 @@ MacAPI::Failure::Failure(Kind kind, int status, QString message, QString code, Q
 
 MacAPI::Failure MacAPI::Failure::http(int status, const QString &message, const QString &code)
 {
-    const QString text = message.isEmpty() ? tr("Zuv server error ") + QString::number(status) : message;
+    const QString text = message.isEmpty() ? tr("Zuv server error %1").arg(status) : message;
     return Failure(Kind::http, status, message, code, text);
 }
 
 MacAPI::Failure MacAPI::Failure::notPaired()
 {
-    return Failure(Kind::notPaired, 0, {}, {}, tr("This Mac isn't paired with a Zuv account."));
+    return Failure(Kind::notPaired, 0, {}, {}, tr("This computer isn't paired with a Zuv account."));
 }
 
 MacAPI::TokenReply MacAPI::TokenReply::fromJson(const QJsonObject &o)

@@ -106,7 +106,7 @@ QString Models::defaultTitle(const QString &agent) const
     if (agent == QLatin1String("codex") && m_catalog && m_catalog->codexDefault
         && !m_catalog->codexDefault->model.isEmpty()) {
         const auto &choice = *m_catalog->codexDefault;
-        return tr("Default (") + label(choice.model, choice.effort.value_or(QString())) + QLatin1Char(')');
+        return tr("Default (%1)").arg(label(choice.model, choice.effort.value_or(QString())));
     }
     return tr("Default");
 }

@@ -36,9 +36,9 @@ std::optional<QString> toolNote(ToolState state, const QString &tool, const QStr
     case ToolState::ready:
         return std::nullopt;
     case ToolState::signedOut:
-        return name + tr(" isn't signed in on ") + mac + QLatin1Char('.');
+        return tr("%1 isn't signed in on %2.").arg(name, mac);
     case ToolState::missing:
-        return name + tr(" isn't installed on ") + mac + QLatin1Char('.');
+        return tr("%1 isn't installed on %2.").arg(name, mac);
     }
     return std::nullopt;
 }

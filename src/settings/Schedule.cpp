@@ -13,7 +13,10 @@ namespace zuv {
 
 namespace {
 
-QString tr(const char *text) { return QCoreApplication::translate("ScheduleSpec", text); }
+QString tr(const char *text, const char *disambiguation = nullptr, int n = -1)
+{
+    return QCoreApplication::translate("ScheduleSpec", text, disambiguation, n);
+}
 
 // The calendar's short weekday symbol for 0 (Sunday) to 6 (Saturday).
 QString weekday(const QLocale &locale, qint64 day) { return locale.dayName(day == 0 ? 7 : int(day), QLocale::ShortFormat); }
@@ -61,30 +64,30 @@ QString ScheduleSpec::summary(const QLocale &locale) const
 {
     const QString clock = time.value_or(QString());
     if (kind == QLatin1String("daily"))
-        return tr("Every day at ") + clock;
+        return tr("Every day at %1").arg(clock);
     if (kind == QLatin1String("weekly")) {
         std::vector<qint64> sorted = days.value_or(std::vector<qint64>{});
         std::sort(sorted.begin(), sorted.end());
         const std::set<qint64> set(sorted.begin(), sorted.end());
         if (set == std::set<qint64>{1, 2, 3, 4, 5})
-            return tr("Weekdays at ") + clock;
+            return tr("Weekdays at %1").arg(clock);
         QStringList names;
         for (qint64 d : sorted)
             if (d >= 0 && d < 7)
                 names << weekday(locale, d);
-        return names.join(QStringLiteral(", ")) + tr(" at ") + clock;
+        return tr("%1 at %2").arg(names.join(QStringLiteral(", ")), clock);
     }
     if (kind == QLatin1String("interval")) {
         const qint64 m = minutes.value_or(0);
         if (m % 60 == 0)
-            return m == 60 ? tr("Every hour") : tr("Every ") + QString::number(m / 60) + tr(" hours");
-        return tr("Every ") + QString::number(m) + tr(" minutes");
+            return m == 60 ? tr("Every hour") : tr("Every %n hours", nullptr, int(m / 60));
+        return tr("Every %n minutes", nullptr, int(m));
     }
     if (kind == QLatin1String("once")) {
         const QDateTime when = at ? moment(*at) : QDateTime();
         if (!when.isValid())
             return tr("Once");
-        return tr("Once, ") + onceText(when, locale);
+        return tr("Once, %1").arg(onceText(when, locale));
     }
     return kind;
 }

@@ -1,19 +1,40 @@
 #include "settings/ScheduleEditor.h"
 
 #include <QCoreApplication>
+#include <QTimeZone>
 
 namespace zuv {
 
 namespace {
 
-QString tr(const char *text) { return QCoreApplication::translate("ScheduleEditor", text); }
+QString tr(const char *text, const char *disambiguation = nullptr, int n = -1)
+{
+    return QCoreApplication::translate("ScheduleEditor", text, disambiguation, n);
+}
 
-// Today at hour:minute; in a gap of a clock change, the next time that exists.
+// `date` at `time` in the same zone as `like`.
+QDateTime sameZone(const QDate &date, const QTime &time, const QDateTime &like)
+{
+    switch (like.timeSpec()) {
+    case Qt::TimeZone: return QDateTime(date, time, like.timeZone());
+    case Qt::OffsetFromUTC: return QDateTime(date, time, Qt::OffsetFromUTC, like.offsetFromUtc());
+    default: return QDateTime(date, time, like.timeSpec());
+    }
+}
+
+// Today at hour:minute; in the gap of a clock change (02:30 on the night the clocks
+// go forward), the first moment after it that exists, going forward.
 QDateTime todayAt(const QDateTime &now, int hour, int minute)
 {
-    QDateTime at(now.date(), QTime(hour, minute), now.timeSpec());
-    if (!at.isValid())
-        at = QDateTime(now.date(), QTime(hour, 0), now.timeSpec()).addSecs(3600 + minute * 60);
+    const QTime wanted(hour, minute);
+    QDateTime at = sameZone(now.date(), wanted, now);
+    // Gaps last an hour or two; a day's worth of minutes is a generous bound.
+    for (int later = 1; !at.isValid() && later < 24 * 60; ++later) {
+        const QTime next = wanted.addSecs(later * 60);
+        if (next < wanted)
+            break; // past midnight: no later moment today
+        at = sameZone(now.date(), next, now);
+    }
     return at;
 }
 
@@ -121,8 +142,7 @@ void ScheduleEditor::apply(const Template &choice)
 {
     kind = choice.kind;
     setTime(choice.hour, choice.minute);
-    if (!choice.days.empty())
-        days = choice.days;
+    days = choice.days; // a daily template has none, and leaves none behind
     prompt = choice.prompt;
 }
 
@@ -144,10 +164,10 @@ const std::vector<qint64> &ScheduleEditor::intervalChoices()
 QString ScheduleEditor::intervalLabel(qint64 m)
 {
     if (m < 60)
-        return QString::number(m) + tr(" minutes");
+        return tr("%n minutes", nullptr, int(m));
     if (m == 60)
         return tr("1 hour");
-    return QString::number(m / 60) + tr(" hours");
+    return tr("%n hours", nullptr, int(m / 60));
 }
 
 const std::vector<ScheduleEditor::Template> &ScheduleEditor::templates()
@@ -156,7 +176,7 @@ const std::vector<ScheduleEditor::Template> &ScheduleEditor::templates()
         {tr("Morning Briefing"), QStringLiteral("daily"), 8, 0, {},
          tr("Morning briefing (short, a few lines each): 1) today's weather where I am (by my time zone); 2) anything "
             "I asked you to follow up on or remind me about today (check memory and recent conversations); 3) "
-            "schedules that run today; 4) my Mac's status. Skip anything empty.")},
+            "schedules that run today; 4) my computer's status. Skip anything empty.")},
         {tr("Evening Wrap-up"), QStringLiteral("daily"), 21, 0, {},
          tr("Evening wrap-up: of what I talked about or asked you to do today in any channel, what's unfinished, "
             "waiting on my decision or needs follow-up tomorrow? One line each. If nothing, just say so.")},

@@ -31,17 +31,21 @@ Speaker::Speaker(Synthesizer &synthesizer, const LanguageDetector &detector, QOb
 QString Speaker::plain(const QString &text)
 {
     using R = QRegularExpression;
+    // Unicode properties on: \s and \S must know the ideographic and the no-break
+    // space, or a link swallows the rest of a Japanese or French sentence.
+    constexpr auto u = R::UseUnicodePropertiesOption;
+    constexpr auto m = R::MultilineOption | R::UseUnicodePropertiesOption;
     static const std::pair<R, QString> steps[] = {
-        {R(QStringLiteral("```[\\s\\S]*?```")), QStringLiteral(" (code) ")},
-        {R(QStringLiteral("!\\[[^\\]]*\\]\\([^)]*\\)")), QString()},
-        {R(QStringLiteral("\\[([^\\]]+)\\]\\([^)]*\\)")), QStringLiteral("\\1")},
-        {R(QStringLiteral("https?://\\S+")), QString()},
-        {R(QStringLiteral("^\\s*\\|?\\s*:?-{2,}.*$"), R::MultilineOption), QString()},
-        {R(QStringLiteral("^#{1,6}\\s*"), R::MultilineOption), QString()},
-        {R(QStringLiteral("^\\s*>\\s?"), R::MultilineOption), QString()},
-        {R(QStringLiteral("^\\s*[-*+]\\s+"), R::MultilineOption), QString()},
-        {R(QStringLiteral("[*_`~|]")), QString()},
-        {R(QStringLiteral("\\n{2,}")), QStringLiteral("\n")},
+        {R(QStringLiteral("```[\\s\\S]*?```"), u), QStringLiteral(" (code) ")},
+        {R(QStringLiteral("!\\[[^\\]]*\\]\\([^)]*\\)"), u), QString()},
+        {R(QStringLiteral("\\[([^\\]]+)\\]\\([^)]*\\)"), u), QStringLiteral("\\1")},
+        {R(QStringLiteral("https?://\\S+"), u), QString()},
+        {R(QStringLiteral("^\\s*\\|?\\s*:?-{2,}.*$"), m), QString()},
+        {R(QStringLiteral("^#{1,6}\\s*"), m), QString()},
+        {R(QStringLiteral("^\\s*>\\s?"), m), QString()},
+        {R(QStringLiteral("^\\s*[-*+]\\s+"), m), QString()},
+        {R(QStringLiteral("[*_`~|]"), u), QString()},
+        {R(QStringLiteral("\\n{2,}"), u), QStringLiteral("\n")},
     };
     QString s = text;
     for (const auto &[pattern, replacement] : steps)

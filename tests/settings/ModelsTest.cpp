@@ -1,5 +1,6 @@
 #include "base/Clock.h"
 #include "base/Defaults.h"
+#include "settings/ModelPickerRows.h"
 #include "settings/Models.h"
 
 #include "Support.h"
@@ -89,4 +90,42 @@ TEST(Models, namesAndLabels)
     EXPECT_EQ(Models::effortName("minimal"), "Minimal");
     EXPECT_EQ(Models::effortName("max"), "Max");
     EXPECT_EQ(Models::effortName("turbo"), "Turbo");
+}
+
+// The picker's rows: the named default for Claude, the codex default title, a
+// stored model that the catalogue lost, and the effort that a new model resets.
+TEST(ModelPickerRows, rowsKeepAStoredChoiceAndAModelChangeResetsTheEffort)
+{
+    test::TempHome home;
+    TestClock clock;
+    Defaults defaults(home.file("d.json"));
+    Models models(clock, defaults);
+    models.update(catalog(R"({"claude":[{"id":"claude-opus-5-5","name":"Opus 5.5","efforts":["low","high"],
+        "defaultEffort":"high"},{"id":"claude-haiku-5-5","name":"Haiku 5.5"}],
+        "codex":[{"id":"gpt-5.1-codex","name":"GPT-5.1 Codex","efforts":["low","xhigh"]}],
+        "codexDefault":{"model":"gpt-5.1-codex","effort":"xhigh"}})"));
+    using Row = ModelPickerRows::Row;
+
+    ModelPickerRows claude(models, "claude", QStringLiteral("claude-opus-5-5"), "claude-retired-4-0", "high");
+    EXPECT_EQ(claude.modelRows(), (std::vector<Row>{{"", "Default (Opus 5.5)"},
+                                                    {"claude-opus-5-5", "Opus 5.5"},
+                                                    {"claude-haiku-5-5", "Haiku 5.5"},
+                                                    {"claude-retired-4-0", "Retired 4.0"}}));
+    EXPECT_FALSE(claude.showsEffort());
+    EXPECT_TRUE(ModelPickerRows(models, "claude", QString()).modelRows().front() == (Row{"", "Default"}));
+
+    claude.setModel("claude-opus-5-5");
+    EXPECT_EQ(claude.effort(), "high") << "offered by the new model: kept";
+    EXPECT_EQ(claude.effortRows(), (std::vector<Row>{{"", "Default (High)"}, {"low", "Low"}, {"high", "High"}}));
+    claude.setEffort("max");
+    claude.setModel("claude-haiku-5-5");
+    EXPECT_EQ(claude.effort(), "max") << "a model without efforts leaves it alone";
+    claude.setModel("claude-opus-5-5");
+    EXPECT_EQ(claude.effort(), "") << "not offered by the new model: back to the default";
+    EXPECT_EQ(claude.modelRows().size(), 3u) << "no extra row once the choice is in the catalogue";
+
+    ModelPickerRows codex(models, "codex", QStringLiteral("gpt-5.1-codex"));
+    EXPECT_EQ(codex.modelRows().front().title, "Default (GPT-5.1 Codex · Extra High)") << "codex names its own default";
+    codex.setModel("gpt-5.1-codex");
+    EXPECT_EQ(codex.effortRows().front(), (Row{"", "Default"}));
 }

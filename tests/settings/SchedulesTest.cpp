@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QTimeZone>
+
 #include <QJsonDocument>
 
 using namespace zuv;
@@ -137,6 +139,39 @@ TEST(ScheduleEditor, templatesFillKindTimeDaysAndPrompt)
     EXPECT_EQ(editor.date.time(), QTime(9, 0));
     EXPECT_TRUE(editor.prompt.startsWith("Weekly review: use search_history"));
     EXPECT_EQ(ScheduleEditor::agentTemplates().size(), 3u);
+
+    // A daily template after a weekly one: no days are left behind.
+    editor.apply(ScheduleEditor::templates()[0]);
+    EXPECT_EQ(editor.kind, "daily");
+    EXPECT_TRUE(editor.days.empty());
+    EXPECT_EQ(editor.spec().days, std::nullopt);
+}
+
+// On the night the clocks go forward, 02:00 to 03:00 does not exist in Berlin: a
+// time in that gap becomes the first moment after it, a real and valid date.
+TEST(ScheduleEditor, aTimeInTheClockChangeGapMovesForward)
+{
+    const QTimeZone berlin("Europe/Berlin");
+    ASSERT_TRUE(berlin.isValid());
+    const QDateTime springForward(QDate(2026, 3, 29), QTime(7, 0), berlin);
+    ScheduleEditor editor(springForward);
+    editor.apply(ScheduleEditor::agentTemplates()[1]); // "Nightly Tests", daily at 02:00
+    ASSERT_TRUE(editor.date.isValid());
+    EXPECT_EQ(editor.date, QDateTime(QDate(2026, 3, 29), QTime(3, 0), berlin));
+    EXPECT_EQ(editor.spec().time, "03:00") << "what the time field shows is what is saved";
+
+    Overview::Schedule existing;
+    existing.spec = ScheduleSpec{};
+    existing.spec->kind = "daily";
+    existing.spec->time = "02:30";
+    const ScheduleEditor opened(springForward, existing);
+    ASSERT_TRUE(opened.date.isValid());
+    EXPECT_EQ(opened.date, QDateTime(QDate(2026, 3, 29), QTime(3, 0), berlin));
+
+    // On an ordinary day the time is kept as it is.
+    ScheduleEditor ordinary(QDateTime(QDate(2026, 3, 30), QTime(7, 0), berlin));
+    ordinary.apply(ScheduleEditor::agentTemplates()[1]);
+    EXPECT_EQ(ordinary.date, QDateTime(QDate(2026, 3, 30), QTime(2, 0), berlin));
 }
 
 TEST(MemoryNote, kindsAndNarrowing)

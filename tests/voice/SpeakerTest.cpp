@@ -57,6 +57,10 @@ TEST(Speaker, plainReducesMarkdownToSpeech)
               "See the docs and  at  now");
     EXPECT_EQ(Speaker::plain("| a | b |\n|---|:-:|\n| 1 | 2 |"), "a  b \n 1  2");
     EXPECT_EQ(Speaker::plain("**\n\n__**"), "");
+    // A link ends at any white space, Unicode's included.
+    EXPECT_EQ(Speaker::plain(QStringLiteral("詳しくは https://x.org/a\u3000をご覧ください。")),
+              QStringLiteral("詳しくは \u3000をご覧ください。"));
+    EXPECT_EQ(Speaker::plain(QStringLiteral("Voir https://x.org/a\u00a0: la suite")), QStringLiteral("Voir \u00a0: la suite"));
 }
 
 TEST(Speaker, aSecondReadingEndsTheFirst)

@@ -35,7 +35,7 @@ QString deviceName()
     QString name = prettyHostName();
     if (name.isEmpty())
         name = QSysInfo::machineHostName();
-    return name.isEmpty() ? QStringLiteral("Mac") : name;
+    return name.isEmpty() ? QStringLiteral("Computer") : name;
 }
 
 } // namespace zuv
