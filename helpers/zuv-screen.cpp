@@ -3,6 +3,7 @@
 // input come later.
 #include "base/Paths.h"
 #include "platform/linux/CrashHandler.h"
+#include "zuv_version.h"
 
 #include <QCoreApplication>
 #include <QFile>

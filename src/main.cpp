@@ -1,16 +1,18 @@
 // The composition root: builds the process-wide objects with their real services.
 #include "app/AppDelegate.h"
+#include "base/Build.h"
 #include "app/SingleInstance.h"
 #include "base/AppLog.h"
 #include "base/Clock.h"
 #include "base/Defaults.h"
 #include "base/Log.h"
 #include "base/Paths.h"
+#include "zuv_version.h"
 #include "diagnostics/Diagnostics.h"
 #include "install/Updates.h"
 #include "hub/MacAPI.h"
 #include "link/AppModel.h"
-#include "link/Keychain.h"
+#include "base/Keychain.h"
 #include "platform/linux/Cld2LanguageDetector.h"
 #include "platform/linux/CrashHandler.h"
 #include "platform/linux/LinuxCrashSource.h"
@@ -96,7 +98,8 @@ int main(int argc, char **argv)
     Diagnostics::setShared(&diagnostics);
 
     SourceUpdater updater;
-    Updates updates(clock, api, updater, [&model] { return model.agentBusy(); }, QApplication::arguments());
+    Updates updates(clock, api, updater, [&model] { return model.agentBusy(); }, QApplication::arguments(),
+                    Build::number());
     Updates::setShared(&updates);
 
     AppDelegate delegate(clock, model, diagnostics, updates);

@@ -4,7 +4,7 @@
 #include "base/Defaults.h"
 #include "base/Job.h"
 #include "hub/MacAPI.h"
-#include "install/Updates.h"
+#include "base/Build.h"
 #include "platform/CrashSource.h"
 #include "platform/DeviceName.h"
 
@@ -163,7 +163,7 @@ void Diagnostics::childExited(const QString &name, int status, bool signal, cons
         + QString::number(status);
     const QString source = name == QLatin1String("agent") ? QStringLiteral("agent") : QStringLiteral("mac");
     const QJsonObject payload =
-        body(source, QStringLiteral("exit"), summary, Updates::build(), osText(), scrubbed(safeTail(tail), m_setup.home));
+        body(source, QStringLiteral("exit"), summary, Build::number(), osText(), scrubbed(safeTail(tail), m_setup.home));
     // Sends in flight are kept (and cancelled at stop); finished ones are dropped here.
     std::erase_if(m_sending, [](const Job &job) { return !job.isRunning(); });
     m_sending.push_back(Job::start([this, payload](CancelToken token) { return post(payload, std::move(token)); },

@@ -2,7 +2,7 @@
 
 #include "base/Clock.h"
 #include "base/Http.h"
-#include "link/Keychain.h"
+#include "base/Keychain.h"
 
 #include <QCoreApplication>
 #include <QFile>

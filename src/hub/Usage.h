@@ -7,8 +7,6 @@
 
 namespace zuv {
 
-class Models;
-
 // What one reply or one agent session cost.
 struct Usage {
     double ms = 0;
@@ -23,9 +21,6 @@ struct Usage {
     static Usage fromJson(const QJsonObject &object);
     bool operator==(const Usage &) const = default;
     size_t hash() const;
-
-    // The line under a reply: model, tokens, seconds and cost joined by " · ".
-    QString summary(const Models &models) const;
 };
 
 } // namespace zuv

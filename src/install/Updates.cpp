@@ -21,16 +21,14 @@ struct Minimum {
 } // namespace
 
 Updates::Updates(Clock &clock, MacAPI &api, Updater &updater, std::function<bool()> busy, const QStringList &arguments,
-                 QObject *parent)
-    : QObject(parent), m_clock(clock), m_api(api), m_updater(updater), m_busy(std::move(busy))
+                 QString build, QObject *parent)
+    : QObject(parent), m_clock(clock), m_api(api), m_updater(updater), m_busy(std::move(busy)), m_build(std::move(build))
 {
     if (arguments.contains(QStringLiteral("--update-now")))
         m_updater.checkInBackground();
 }
 
 
-QString Updates::build() { return QStringLiteral(ZUV_BUILD); }
-QString Updates::shortVersion() { return QStringLiteral(ZUV_VERSION); }
 
 std::optional<double> Updates::rank(const QString &text)
 {
@@ -58,7 +56,7 @@ QCoro::Task<void> Updates::checkMinimum()
     if (!self || !minimum)
         co_return;
     const auto want = rank(*minimum);
-    const auto have = rank(build());
+    const auto have = rank(m_build);
     if (!want || !have)
         co_return;
     const bool was = m_required;

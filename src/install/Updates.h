@@ -25,14 +25,11 @@ class Updates : public QObject, public Shared<Updates> {
 public:
     // `busy` tells whether work is under way (a reply awaited, a session working,
     // the agent busy).
+    // `build` is this program's build number (Build::number() outside tests).
     Updates(Clock &clock, MacAPI &api, Updater &updater, std::function<bool()> busy, const QStringList &arguments,
-            QObject *parent = nullptr);
+            QString build, QObject *parent = nullptr);
 
 
-    // The build number (CMake cache variable ZUV_BUILD_NUMBER).
-    static QString build();
-    // The version, as "major.minor.patch" (the CMake project version).
-    static QString shortVersion();
     // Orders builds: every 12-digit build (a date stamp) below every other one.
     static std::optional<double> rank(const QString &text);
 
@@ -60,6 +57,7 @@ private:
     MacAPI &m_api;
     Updater &m_updater;
     std::function<bool()> m_busy;
+    QString m_build;
     bool m_required = false;
     std::function<void()> m_pending;
     std::optional<double> m_pendingSince;

@@ -6,7 +6,7 @@
 #include "base/Json.h"
 #include "base/Log.h"
 #include "hub/MacAPI.h"
-#include "link/Keychain.h"
+#include "base/Keychain.h"
 #include "platform/DeviceName.h"
 
 #include <QCoreApplication>
@@ -15,9 +15,8 @@
 
 #include <qrencode.h>
 
-#ifndef ZUV_DEFAULT_HUB
-#define ZUV_DEFAULT_HUB "https://hub.zuv.invalid"
-#endif
+#include "zuv_version.h"
+
 
 namespace zuv {
 

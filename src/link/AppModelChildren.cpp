@@ -4,9 +4,9 @@
 #include "base/Clock.h"
 #include "base/Defaults.h"
 #include "base/Paths.h"
-#include "install/Updates.h"
+#include "base/Build.h"
 #include "link/AgentLine.h"
-#include "link/Keychain.h"
+#include "base/Keychain.h"
 #include "link/LoginShell.h"
 
 #include <QDir>
@@ -62,8 +62,8 @@ Child::Environment AppModel::agentEnvironment() const
     env[QStringLiteral("ZUV_BIN_DIR")] = m_locations.helpers;
     env[QStringLiteral("ZUV_WORK_DIR")] = workFolder();
     env[QStringLiteral("ZUV_SCREEN_SOCKET")] = screenSocket();
-    env[QStringLiteral("ZUV_BUILD")] = Updates::build();
-    env[QStringLiteral("ZUV_VERSION")] = Updates::shortVersion();
+    env[QStringLiteral("ZUV_BUILD")] = Build::number();
+    env[QStringLiteral("ZUV_VERSION")] = Build::version();
     env[QStringLiteral("ZUV_APP_CONTROL")] = QStringLiteral("1");
     env[QStringLiteral("ZUV_AWAKE_STATUS")] = m_locations.support + QStringLiteral("/awake-helper.json");
     return env;

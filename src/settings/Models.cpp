@@ -6,7 +6,9 @@
 
 #include <QCoreApplication>
 #include <QRegularExpression>
+#include <QStringList>
 
+#include <cmath>
 #include <limits>
 
 namespace zuv {
@@ -145,6 +147,23 @@ QString Models::effortName(const QString &id)
     if (id == QLatin1String("xhigh")) return tr("Extra High");
     if (id == QLatin1String("max")) return tr("Max");
     return capitalized(id);
+}
+
+QString Models::summary(const Usage &usage) const
+{
+    QStringList parts;
+    if (usage.model && !usage.model->isEmpty())
+        parts << label(*usage.model, usage.effort.value_or(QString()));
+    const double tokens = usage.input + usage.output;
+    if (tokens >= 1000)
+        parts << QString::asprintf("%.1fk tokens", tokens / 1000);
+    else
+        parts << QStringLiteral("%1 tokens").arg(qint64(tokens));
+    if (usage.ms > 0)
+        parts << QStringLiteral("%1s").arg(qint64(std::round(usage.ms / 1000))); // std::round: halves away from zero
+    if (usage.usd > 0)
+        parts << (usage.usd < 0.01 ? QStringLiteral("≈<$0.01") : QString::asprintf("≈$%.2f", usage.usd));
+    return parts.join(QStringLiteral(" · "));
 }
 
 } // namespace zuv

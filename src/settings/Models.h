@@ -2,6 +2,7 @@
 
 #include "base/Shared.h"
 
+#include "hub/Usage.h"
 #include "settings/ModelCatalog.h"
 
 #include <QObject>
@@ -33,6 +34,8 @@ public:
     QString name(const QString &id) const;
     QString label(const QString &model, const QString &effort) const;
     QString defaultTitle(const QString &agent) const;
+    // The line under a reply: model, tokens, seconds and cost joined by " · ".
+    QString summary(const Usage &usage) const;
 
     static QString prettyName(const QString &id);
     static QString effortName(const QString &id);

@@ -4,7 +4,7 @@
 #include "diagnostics/Diagnostics.h"
 #include "hub/MacAPI.h"
 #include "link/AppModel.h"
-#include "link/Keychain.h"
+#include "base/Keychain.h"
 #include "platform/linux/LinuxCrashSource.h"
 
 #include "Fixture.h"

@@ -1,6 +1,6 @@
 #include "base/Clock.h"
 #include "hub/MacAPI.h"
-#include "link/Keychain.h"
+#include "base/Keychain.h"
 
 #include "Fixture.h"
 #include "Support.h"
@@ -336,4 +336,12 @@ TEST(MacAPISocket, aHandshakeThatNeverFinishesIsAbortedAfterSixtySeconds)
     EXPECT_NE(socket->state(), QAbstractSocket::UnconnectedState);
     f.clock.advance(0.125);
     ASSERT_TRUE(test::waitUntil([&] { return ended || socket->state() == QAbstractSocket::UnconnectedState; }));
+}
+
+TEST(TestHubItself, aBodyThatIsNoDocumentFailsLoudly)
+{
+    EXPECT_THROW(test::TestHub::json(QJsonValue(5)), std::invalid_argument);
+    EXPECT_THROW(test::TestHub::json(QJsonValue(QStringLiteral("x"))), std::invalid_argument);
+    EXPECT_THROW(test::TestHub::json(QJsonValue()), std::invalid_argument) << "undefined";
+    EXPECT_EQ(test::TestHub::json(QJsonValue::Null).body, "null");
 }

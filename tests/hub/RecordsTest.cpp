@@ -19,7 +19,7 @@ namespace {
 
 QString summary(const QJsonObject &usage, const Models &models)
 {
-    return Usage::fromJson(usage).summary(models);
+    return models.summary(Usage::fromJson(usage));
 }
 
 ArchivedMessage hit(const QString &thread) { return {"1", thread, "user", "t", 0, std::nullopt}; }

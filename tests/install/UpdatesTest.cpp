@@ -1,7 +1,7 @@
 #include "base/Clock.h"
 #include "hub/MacAPI.h"
 #include "install/Updates.h"
-#include "link/Keychain.h"
+#include "base/Keychain.h"
 #include "platform/Updater.h"
 
 #include "Fixture.h"
@@ -26,7 +26,7 @@ struct FakeUpdater final : Updater {
 
 class UpdatesTest : public ::testing::Test, protected test::HubFixture {
 protected:
-    UpdatesTest() : updates(clock, api, updater, [this] { return busy; }, {})
+    UpdatesTest() : updates(clock, api, updater, [this] { return busy; }, {}, QStringLiteral("1"))
     {
         keychain.setToken(QStringLiteral("agent"));
         hub.grantTokens();
@@ -61,7 +61,6 @@ TEST(UpdatesRank, twelveDigitBuildsRankBelowAllOthers)
 
 TEST_F(UpdatesTest, theMinimumIsShownOnceAndClearsWhenLowered)
 {
-    ASSERT_EQ(Updates::build(), "1") << "this test assumes the default build number";
     minimum("1");
     test::await(updates.checkMinimum());
     EXPECT_FALSE(updates.required()) << "a minimum equal to our build";
@@ -86,6 +85,15 @@ TEST_F(UpdatesTest, theMinimumIsShownOnceAndClearsWhenLowered)
     minimum("250101120000");
     test::await(updates.checkMinimum());
     EXPECT_FALSE(updates.required()) << "a date-stamped minimum ranks below build 1";
+
+    // The build compared is the one the program was given.
+    Updates dated(clock, api, updater, [] { return false; }, {}, QStringLiteral("250101120000"));
+    minimum("250101130000");
+    test::await(dated.checkMinimum());
+    EXPECT_TRUE(dated.required());
+    minimum("7");
+    test::await(dated.checkMinimum());
+    EXPECT_TRUE(dated.required()) << "every plain build ranks above a date-stamped one";
 }
 
 TEST_F(UpdatesTest, aBusyComputerDelaysInstallingForAtMostTwoHours)
@@ -127,6 +135,6 @@ TEST_F(UpdatesTest, aSecondBlockReplacesTheFirstAndKeepsTheWait)
 TEST_F(UpdatesTest, updateNowLooksAtOnce)
 {
     FakeUpdater other;
-    Updates now(clock, api, other, [] { return false; }, {"zuv", "--update-now"});
+    Updates now(clock, api, other, [] { return false; }, {"zuv", "--update-now"}, QStringLiteral("1"));
     EXPECT_EQ(other.background, 1);
 }

@@ -3,7 +3,7 @@
 #include "hub/MacAPI.h"
 #include "link/AgentLine.h"
 #include "link/AppModel.h"
-#include "link/Keychain.h"
+#include "base/Keychain.h"
 
 #include "Fixture.h"
 #include <QJsonDocument>

@@ -3,7 +3,7 @@
 #include "base/Log.h"
 #include "hub/MacAPI.h"
 #include "link/AppModel.h"
-#include "link/Keychain.h"
+#include "base/Keychain.h"
 #include "platform/DeviceName.h"
 
 #include "Fixture.h"

@@ -4,8 +4,9 @@
 #include "base/Defaults.h"
 #include "hub/MacAPI.h"
 #include "install/Updates.h"
+#include "base/Build.h"
 #include "link/AppModel.h"
-#include "link/Keychain.h"
+#include "base/Keychain.h"
 #include "link/LoginShell.h"
 
 #include "Fixture.h"
@@ -68,8 +69,8 @@ TEST_F(ChildrenTest, theAgentsEnvironmentIsExactlyTheTable)
     EXPECT_EQ(env["ZUV_WORK_DIR"], home.file("data") + "/work");
     EXPECT_EQ(env["ZUV_SCREEN_SOCKET"], home.file("data") + "/screen.sock");
     EXPECT_EQ(env["ZUV_AWAKE_STATUS"], home.file("data") + "/awake-helper.json");
-    EXPECT_EQ(env["ZUV_BUILD"], Updates::build());
-    EXPECT_EQ(env["ZUV_VERSION"], Updates::shortVersion());
+    EXPECT_EQ(env["ZUV_BUILD"], Build::number());
+    EXPECT_EQ(env["ZUV_VERSION"], Build::version());
     EXPECT_EQ(env["HOME"], home.path());
     EXPECT_EQ(env["SHELL"], "/bin/sh");
     EXPECT_EQ(env["PATH"], LoginShell::path());

@@ -1,6 +1,6 @@
 #include "base/Log.h"
 #include "link/AppModel.h"
-#include "link/Keychain.h"
+#include "base/Keychain.h"
 #include "platform/linux/LinuxSecretStore.h"
 
 #include "FakeSecretStore.h"

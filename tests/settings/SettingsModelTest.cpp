@@ -1,7 +1,7 @@
 #include "base/Clock.h"
 #include "base/Defaults.h"
 #include "hub/MacAPI.h"
-#include "link/Keychain.h"
+#include "base/Keychain.h"
 #include "settings/Models.h"
 #include "settings/SettingsModel.h"
 

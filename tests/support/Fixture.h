@@ -4,7 +4,7 @@
 #include "base/Defaults.h"
 #include "hub/MacAPI.h"
 #include "link/AppModel.h"
-#include "link/Keychain.h"
+#include "base/Keychain.h"
 
 #include "FakeSecretStore.h"
 #include "Support.h"

@@ -121,6 +121,10 @@ TestHub::Response TestHub::json(const QJsonValue &value, int status)
         r.body = QJsonDocument(value.toArray()).toJson(QJsonDocument::Compact);
     else if (value.isNull())
         r.body = "null";
+    else
+        // A bare string or number would go out as an empty body and the test would
+        // check something else than it says.
+        throw std::invalid_argument("TestHub::json takes an object, an array or null");
     return r;
 }
 

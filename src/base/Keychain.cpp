@@ -1,4 +1,4 @@
-#include "link/Keychain.h"
+#include "base/Keychain.h"
 
 #include "base/Job.h"
 #include "base/Log.h"
