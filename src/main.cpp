@@ -103,14 +103,14 @@ int main(int argc, char **argv)
     Updates::setShared(&updates);
 
     AppDelegate delegate(clock, model, diagnostics, updates);
-    AppModel::Hooks hooks;
-    hooks.showSetup = [&delegate] { delegate.showSetup(); };
-    hooks.childFailed = [&diagnostics](const QString &name, int status, bool signal, const QString &tail) {
-        log(QStringLiteral("%1 ended with %2 %3").arg(name, signal ? QStringLiteral("signal") : QStringLiteral("status"))
-                .arg(status));
-        diagnostics.childExited(name, status, signal, tail);
-    };
-    model.setHooks(std::move(hooks));
+    QObject::connect(&model, &AppModel::setupWanted, &delegate, &AppDelegate::showSetup);
+    QObject::connect(&model, &AppModel::childFailed, &diagnostics,
+                     [&diagnostics](const QString &name, int status, bool signal, const QString &tail) {
+                         log(QStringLiteral("%1 ended with %2 %3")
+                                 .arg(name, signal ? QStringLiteral("signal") : QStringLiteral("status"))
+                                 .arg(status));
+                         diagnostics.childExited(name, status, signal, tail);
+                     });
     QObject::connect(&instance, &SingleInstance::received, &delegate, &AppDelegate::open);
 
     QuitSignals quitSignals;

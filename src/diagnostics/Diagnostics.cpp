@@ -106,6 +106,14 @@ void Diagnostics::start()
                              QStringLiteral("The first crash scan"));
 }
 
+bool Diagnostics::idle() const
+{
+    for (const Job &job : m_sending)
+        if (job.isRunning())
+            return false;
+    return !m_firstScan.isRunning() && !m_laterScan.isRunning() && !m_scan.isRunning();
+}
+
 void Diagnostics::stop()
 {
     m_firstScan.cancel();

@@ -53,6 +53,8 @@ public:
     void childExited(const QString &name, int status, bool signal, const QString &tail);
     void scanCrashLogs();
     bool scanning() const { return m_scanning; }
+    // No scan, wait or report under way.
+    bool idle() const;
 
     static QString safeTail(const QString &text);
     static QString shortened(const QString &line);

@@ -64,8 +64,7 @@ void AgentLine::operator()(const QString &line) const
     if (line.contains(QLatin1String("hub connected")) && m_model) {
         m_model->setConnected(true);
         m_model->clearReplacedLater();
-        if (m_model->hooks().reloadSessions)
-            m_model->hooks().reloadSessions();
+        emit m_model->sessionsReloadWanted();
     }
     if (line.contains(QLatin1String("hub closed")) && m_model)
         m_model->setConnected(false);

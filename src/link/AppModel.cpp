@@ -7,6 +7,7 @@
 #include "base/Log.h"
 #include "hub/MacAPI.h"
 #include "base/Keychain.h"
+#include "link/AgentLine.h"
 #include "platform/DeviceName.h"
 
 #include <QCoreApplication>
@@ -22,40 +23,37 @@ namespace zuv {
 
 namespace {
 
-constexpr double pollInterval = 2;     // seconds between pairing polls
 constexpr double replacedWindow = 60;  // a second replacement within this many seconds is told
 constexpr double replacedSettle = 30;  // the link must hold this long before the text goes
 constexpr double keychainRetry = 15;   // seconds between reads of a locked keyring
 
 const QString pairedOwnerKey = QStringLiteral("pairedOwner");
 
-void call(const std::function<void()> &hook)
-{
-    if (hook)
-        hook();
-}
-
 } // namespace
 
-AppModel::Start AppModel::Start::fromJson(const QJsonObject &o)
+AppModel::AppModel(Clock &clock, Defaults &defaults, Keychain &keychain, MacAPI &api, QNetworkAccessManager &network,
+                   QUrl server, Locations locations, QObject *parent)
+    : QObject(parent), m_clock(clock), m_defaults(defaults), m_keychain(keychain), m_api(api),
+      m_server(server),
+      m_children(clock, defaults, keychain, server, std::move(locations), AgentLine(*this), this),
+      m_flow(clock, network, server, this)
 {
-    using namespace json;
-    return {required<QString>(o, QStringLiteral("code")), required<QString>(o, QStringLiteral("secret")),
-            required<double>(o, QStringLiteral("expiresAt"))};
-}
+    connect(&m_flow, &PairingFlow::showing, this, [this](const QString &code) { setPairing(Pairing::showing(code)); });
+    connect(&m_flow, &PairingFlow::paired, this, &AppModel::paired);
+    connect(&m_flow, &PairingFlow::expired, this, [this] { setPairing({Pairing::State::expired, {}}); });
+    connect(&m_flow, &PairingFlow::failed, this, [this](const QString &message) {
+        setLastError(message);
+        setPairing({Pairing::State::expired, {}});
+    });
+    connect(&m_children, &ChildSupervisor::agentStateChanged, this, &AppModel::agentStateChanged);
+    connect(&m_children, &ChildSupervisor::screenStateChanged, this, [this](Child::State state) {
+        if (m_screenState == state)
+            return;
+        m_screenState = state;
+        emit screenChanged();
+    });
+    connect(&m_children, &ChildSupervisor::childFailed, this, &AppModel::childFailed);
 
-AppModel::Poll AppModel::Poll::fromJson(const QJsonObject &o)
-{
-    using namespace json;
-    return {required<QString>(o, QStringLiteral("status")), optional<QString>(o, QStringLiteral("token")),
-            optional<bool>(o, QStringLiteral("owner"))};
-}
-
-AppModel::AppModel(Clock &clock, Defaults &defaults, Keychain &keychain, MacAPI &api,
-                   QNetworkAccessManager &network, QUrl server, Locations locations, QObject *parent)
-    : QObject(parent), m_clock(clock), m_defaults(defaults), m_keychain(keychain), m_api(api), m_network(network),
-      m_server(std::move(server)), m_locations(std::move(locations))
-{
     // A keyring that is locked or refused us may still hold the token: stay paired
     // and read it again later, rather than send the user through pairing again.
     const bool stored = m_keychain.token() || m_keychain.problem();
@@ -97,7 +95,7 @@ QCoro::Task<void> AppModel::readTokenAgain(CancelToken token)
             co_return;
         }
         startChildren();
-        call(m_hooks.startChat);
+        emit chatStartWanted();
         co_return;
     }
 }
@@ -186,88 +184,66 @@ void AppModel::setConnected(bool connected)
     emit connectedChanged();
 }
 
-template<class T>
-QCoro::Task<T> AppModel::post(QString path, QJsonObject body, CancelToken cancel)
+void AppModel::startPairing() { m_flow.start(); }
+
+void AppModel::paired(const QString &token, bool owner)
 {
-    QNetworkRequest request(http::appendPath(m_server, path));
-    request.setRawHeader("content-type", "application/json");
-    http::setTimeout(request, 60);
-    const http::Reply reply =
-        co_await http::send(m_network, request, "POST", json::encode(body), nullptr, std::move(cancel));
-    http::requireHttp(reply);
-    if (reply.status != 200)
-        throw NetworkError(tr("The server returned an unexpected response (HTTP %1).").arg(reply.status));
-    co_return json::decodeBody<T>(reply.body);
+    m_keychainRetry.cancel();
+    m_keychain.setToken(token);
+    m_defaults.set(pairedOwnerKey, owner);
+    setPairing({Pairing::State::paired, {}});
+    startChildren();
+    emit chatStartWanted();
 }
 
-void AppModel::startPairing()
+void AppModel::startChildren()
 {
-    m_pairTask.cancel();
-    // Job::start runs the body at once, so `this` is alive here; pair() guards itself after its waits.
-    m_pairTask = Job::start([this](CancelToken cancel) { return pair(std::move(cancel)); }, QStringLiteral("Pairing"));
+    // Without the token in hand (a locked keyring) the agent would meet a 401 and
+    // unpair us; it starts once the token is read.
+    m_children.start(m_pairing.state == Pairing::State::paired && m_keychain.token().has_value());
 }
 
-QCoro::Task<void> AppModel::pair(CancelToken cancel)
+void AppModel::agentStateChanged(Child::State state)
 {
-    QPointer<AppModel> self(this);
-    try {
-        // Bodies are built before the co_await: GCC 12 miscompiles initializer
-        // lists inside an awaited expression.
-        QJsonObject startBody;
-        startBody.insert(QStringLiteral("name"), deviceName());
-        const Start start = co_await post<Start>(QStringLiteral("/pair/start"), startBody, cancel);
-        if (!self || cancel.isCancelled())
-            co_return;
-        setPairing(Pairing::showing(start.code));
-        log(QStringLiteral("pairing code ") + start.code);
-        if (cancel.isCancelled())
-            co_return;
-        for (;;) {
-            // A named result: GCC 12 miscompiles some co_await inside a condition.
-            const bool waited = co_await m_clock.sleep(pollInterval, cancel);
-            if (!waited || !self)
-                co_return;
-            QJsonObject pollBody;
-            pollBody.insert(QStringLiteral("code"), start.code);
-            pollBody.insert(QStringLiteral("secret"), start.secret);
-            const Poll poll = co_await post<Poll>(QStringLiteral("/pair/poll"), pollBody, cancel);
-            if (!self || cancel.isCancelled())
-                co_return;
-            if (poll.status == QLatin1String("paired") && poll.token) {
-                m_keychainRetry.cancel();
-                m_keychain.setToken(poll.token);
-                m_defaults.set(pairedOwnerKey, poll.owner.value_or(false));
-                setPairing({Pairing::State::paired, {}});
-                startChildren();
-                call(m_hooks.startChat);
-                co_return;
-            }
-            if (poll.status == QLatin1String("expired")) {
-                setPairing({Pairing::State::expired, {}});
-                co_return;
-            }
-            if (cancel.isCancelled())
-                co_return;
-        }
-    } catch (const std::exception &e) {
-        // A cancelled pairing was ended by whoever cancelled it (unpair, revoke, a new
-        // pairing), and that one has set the state: leave it alone.
-        if (!self || cancel.isCancelled())
-            co_return;
-        setLastError(tr("Couldn't reach Zuv: %1").arg(describe(e)));
-        setPairing({Pairing::State::expired, {}});
+    if (m_agentState != state) {
+        m_agentState = state;
+        emit agentChanged();
     }
+    if (state == Child::State::running) {
+        emit agentStarted();
+        return;
+    }
+    setConnected(false);
+    setAgentBusy(false);
+    emit agentEnded();
+}
+
+void AppModel::setClaude(bool found, const std::optional<QString> &state)
+{
+    if (m_answers == found && m_claudeState == state)
+        return;
+    m_answers = found;
+    m_claudeState = state;
+    emit agentChanged();
+}
+
+void AppModel::setAgentBusy(bool busy)
+{
+    if (m_agentBusy == busy)
+        return;
+    m_agentBusy = busy;
+    emit agentChanged();
 }
 
 void AppModel::unpair()
 {
-    m_pairTask.cancel();
+    m_flow.cancel();
     m_keychainRetry.cancel();
     m_keychain.setToken(std::nullopt);
     m_defaults.remove(pairedOwnerKey);
-    call(m_hooks.stopChat);
+    emit chatStopWanted();
     m_api.clearAccess();
-    stopAgent(); // the screen helper stays
+    m_children.stopAgent(); // the screen helper stays
     setPairing({Pairing::State::unpaired, {}});
     setConnected(false);
 }
@@ -305,7 +281,7 @@ void AppModel::revoked()
 {
     unpair();
     setLastError(revokedText());
-    call(m_hooks.showSetup);
+    emit setupWanted();
 }
 
 } // namespace zuv

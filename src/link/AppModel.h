@@ -4,6 +4,8 @@
 
 #include "base/Job.h"
 #include "link/Child.h"
+#include "link/ChildSupervisor.h"
+#include "link/PairingFlow.h"
 
 #include <QImage>
 #include <QJsonObject>
@@ -38,48 +40,15 @@ public:
         bool operator==(const Pairing &) const = default;
     };
 
-    // The reply of "/pair/start".
-    struct Start {
-        QString code;
-        QString secret; // proof that we asked for the code; never shown
-        double expiresAt = 0;
-        static Start fromJson(const QJsonObject &object);
-    };
-
-    // The reply of "/pair/poll".
-    struct Poll {
-        QString status; // "paired", "expired", anything else: keep polling
-        std::optional<QString> token;
-        std::optional<bool> owner;
-        static Poll fromJson(const QJsonObject &object);
-    };
-
-    // Where the link reaches into the rest of the app. Each is filled by the
-    // subsystem that owns it; an empty one is skipped.
+    // Where the link reaches into the rest of the app for what has one owner: the
+    // payloads of the agent's lines. Events with more listeners are signals.
     struct Hooks {
-        std::function<void()> startChat;
-        std::function<void()> stopChat;
-        std::function<void()> showSetup;
-        std::function<void()> reloadSessions;
-        // The agent runs, or stopped running.
-        std::function<void()> agentRunning;
-        std::function<void()> agentStopped;
-        // A child failed in a way worth reporting.
-        std::function<void(const QString &name, int status, bool signal, const QString &tail)> childFailed;
-        // Payloads of the agent's lines for their owners.
         std::function<void(const QJsonObject &)> stayAwake;
         std::function<void(const QJsonObject &)> clipboardReceived;
         std::function<void(const QString &line)> clipboardAsk;
     };
 
-    // Where the children and their files are.
-    struct Locations {
-        QString helpers;   // node and zuv-screen
-        QString agentRoot; // the agent shipped with the app
-        QString support;   // data folder: work folder, screen socket
-        QString logs;
-        static Locations installed();
-    };
+    using Locations = ChildSupervisor::Locations;
 
     AppModel(Clock &clock, Defaults &defaults, Keychain &keychain, MacAPI &api, QNetworkAccessManager &network,
              QUrl server, Locations locations = Locations::installed(), QObject *parent = nullptr);
@@ -99,13 +68,13 @@ public:
 
     void setHooks(Hooks hooks) { m_hooks = std::move(hooks); }
     const Hooks &hooks() const { return m_hooks; }
-    const Locations &locations() const { return m_locations; }
+    const Locations &locations() const { return m_children.locations(); }
 
     const Pairing &pairing() const { return m_pairing; }
     const std::optional<QString> &lastError() const { return m_lastError; }
     std::optional<double> replacedAt() const { return m_replacedAt; }
     bool connected() const { return m_connected; }
-    const Job &pairTask() const { return m_pairTask; }
+    const Job &pairTask() const { return m_flow.task(); }
     QUrl server() const { return m_server; }
 
     void setLastError(const std::optional<QString> &error);
@@ -119,22 +88,21 @@ public:
     void setAgentBusy(bool busy);
 
     // The two supervised children, made on first use and kept for the process's life.
-    Child &agent();
-    Child &screen();
+    Child &agent() { return m_children.agent(); }
+    Child &screen() { return m_children.screen(); }
     Child::State agentState() const { return m_agentState; }
     Child::State screenState() const { return m_screenState; }
+    ChildSupervisor &children() { return m_children; }
 
+    // The screen helper, and the agent when paired with the token in hand.
     void startChildren();
-    void stopChildren();
+    void stopChildren() { m_children.stopAll(); }
 
-    // What the agent is started with; nothing else of ours reaches it.
-    Child::Environment agentEnvironment() const;
-    // The agent folder: "agentSource" when it holds src/main.mjs, else the shipped one.
-    QString agentSource() const;
-    QString screenSocket() const;
-    QString workFolder() const;
-    // Only the owner's computer may let the agent read its private env file.
-    bool ownerEnvFile() const;
+    Child::Environment agentEnvironment() const { return m_children.agentEnvironment(); }
+    QString agentSource() const { return m_children.agentSource(); }
+    QString screenSocket() const { return m_children.screenSocket(); }
+    QString workFolder() const { return m_children.workFolder(); }
+    bool ownerEnvFile() const { return m_children.ownerEnvFile(); }
 
     void startPairing();
     void unpair();
@@ -150,6 +118,19 @@ public:
     static QString revokedText();
 
 signals:
+    // Paired, at launch or just now: the chat engine starts. Unpaired: it stops.
+    void chatStartWanted();
+    void chatStopWanted();
+    // The setup guide should show (after a revocation).
+    void setupWanted();
+    // The agent reached the hub again: agent sessions may have changed.
+    void sessionsReloadWanted();
+    // The agent runs, or stopped running.
+    void agentStarted();
+    void agentEnded();
+    // A child failed in a way worth reporting.
+    void childFailed(const QString &name, int status, bool signal, const QString &tail);
+
     void pairingChanged();
     void lastErrorChanged();
     void connectedChanged();
@@ -157,32 +138,26 @@ signals:
     void screenChanged(); // screenState
 
 private:
-    QCoro::Task<void> pair(CancelToken cancel);
     QCoro::Task<void> clearReplacedAfterWait(CancelToken token);
-    QCoro::Task<void> launchAgentWhenReady(CancelToken token);
     QCoro::Task<void> readTokenAgain(CancelToken token);
     static QString keychainText(const QString &why);
-    template<class T>
-    QCoro::Task<T> post(QString path, QJsonObject body, CancelToken cancel);
     void setPairing(Pairing pairing);
     void agentStateChanged(Child::State state);
-    void stopAgent();
+    void paired(const QString &token, bool owner);
 
     Clock &m_clock;
     Defaults &m_defaults;
     Keychain &m_keychain;
     MacAPI &m_api;
-    QNetworkAccessManager &m_network;
     QUrl m_server;
-    Locations m_locations;
     Hooks m_hooks;
+    ChildSupervisor m_children;
+    PairingFlow m_flow;
 
     Pairing m_pairing;
-    Job m_pairTask;
     Job m_clearReplaced;
     Job m_keychainRetry; // reads a locked keyring again until it answers
     std::optional<QString> m_keychainNote; // the lastError it set, to clear only that
-    Job m_agentLaunch; // waits for the login shell's PATH before the agent starts
     std::optional<QString> m_lastError;
     std::optional<double> m_replacedAt;
     bool m_connected = false;
@@ -190,8 +165,6 @@ private:
     bool m_answers = true;
     std::optional<QString> m_claudeState;
     bool m_agentBusy = false;
-    Child *m_agent = nullptr;
-    Child *m_screen = nullptr;
     Child::State m_agentState = Child::State::stopped;
     Child::State m_screenState = Child::State::stopped;
 };

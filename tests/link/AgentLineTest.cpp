@@ -26,9 +26,9 @@ protected:
         hooks.stayAwake = [this](const QJsonObject &o) { events << "stayAwake " + QJsonDocument(o).toJson(QJsonDocument::Compact); };
         hooks.clipboardReceived = [this](const QJsonObject &o) { events << "received " + QJsonDocument(o).toJson(QJsonDocument::Compact); };
         hooks.clipboardAsk = [this](const QString &line) { events << "ask " + line; };
-        hooks.reloadSessions = [this] { events << "reloadSessions"; };
-        hooks.showSetup = [this] { events << "showSetup"; };
         model->setHooks(hooks);
+        QObject::connect(model.get(), &AppModel::sessionsReloadWanted, [this] { events << "reloadSessions"; });
+        QObject::connect(model.get(), &AppModel::setupWanted, [this] { events << "showSetup"; });
         QObject::connect(model.get(), &AppModel::connectedChanged, [this] {
             events << (model->connected() ? "connected" : "disconnected");
         });

@@ -38,11 +38,9 @@ class AppModelTest : public ::testing::Test, protected test::HubFixture {
 protected:
     AppModelTest() : owned(makeModel()), model(*owned)
     {
-        AppModel::Hooks hooks;
-        hooks.startChat = [this] { calls << "startChat"; };
-        hooks.stopChat = [this] { calls << "stopChat"; };
-        hooks.showSetup = [this] { calls << "showSetup"; };
-        model.setHooks(hooks);
+        QObject::connect(&model, &AppModel::chatStartWanted, [this] { calls << "startChat"; });
+        QObject::connect(&model, &AppModel::chatStopWanted, [this] { calls << "stopChat"; });
+        QObject::connect(&model, &AppModel::setupWanted, [this] { calls << "showSetup"; });
         QObject::connect(&model, &AppModel::pairingChanged, [this] {
             states << model.pairing().state;
         });

@@ -1,11 +1,9 @@
-// AppModel: the agent and the screen helper, and what they are started with.
-#include "link/AppModel.h"
+#include "link/ChildSupervisor.h"
 
 #include "base/Clock.h"
 #include "base/Defaults.h"
 #include "base/Paths.h"
 #include "base/Build.h"
-#include "link/AgentLine.h"
 #include "base/Keychain.h"
 #include "link/LoginShell.h"
 
@@ -17,15 +15,24 @@
 
 namespace zuv {
 
-AppModel::Locations AppModel::Locations::installed()
+ChildSupervisor::Locations ChildSupervisor::Locations::installed()
 {
     return {Paths::helpers(), Paths::agentRoot(), Paths::support(), Paths::logs()};
 }
 
-QString AppModel::screenSocket() const { return m_locations.support + QStringLiteral("/screen.sock"); }
-QString AppModel::workFolder() const { return m_locations.support + QStringLiteral("/work"); }
+ChildSupervisor::ChildSupervisor(Clock &clock, Defaults &defaults, Keychain &keychain, QUrl server, Locations locations,
+                                 std::function<void(const QString &)> agentLines, QObject *parent)
+    : QObject(parent), m_clock(clock), m_defaults(defaults), m_keychain(keychain), m_server(std::move(server)),
+      m_locations(std::move(locations)), m_agentLines(std::move(agentLines))
+{
+}
 
-QString AppModel::agentSource() const
+ChildSupervisor::~ChildSupervisor() = default; // the children are ours as QObject children
+
+QString ChildSupervisor::screenSocket() const { return m_locations.support + QStringLiteral("/screen.sock"); }
+QString ChildSupervisor::workFolder() const { return m_locations.support + QStringLiteral("/work"); }
+
+QString ChildSupervisor::agentSource() const
 {
     QString folder = m_defaults.string(QStringLiteral("agentSource")).valueOr(QString());
     if (folder == QLatin1String("~") || folder.startsWith(QLatin1String("~/")))
@@ -35,13 +42,13 @@ QString AppModel::agentSource() const
     return m_locations.agentRoot;
 }
 
-bool AppModel::ownerEnvFile() const
+bool ChildSupervisor::ownerEnvFile() const
 {
     return m_defaults.boolean(QStringLiteral("pairedOwner")).valueOr(false)
         && QFileInfo::exists(QDir::homePath() + QStringLiteral("/.config/zuv-agent/agent.env"));
 }
 
-Child::Environment AppModel::agentEnvironment() const
+Child::Environment ChildSupervisor::agentEnvironment() const
 {
     Child::Environment env;
     for (const char *name : {"HOME", "USER", "LOGNAME", "LANG", "TMPDIR", "SHELL"}) {
@@ -69,24 +76,23 @@ Child::Environment AppModel::agentEnvironment() const
     return env;
 }
 
-Child &AppModel::agent()
+Child &ChildSupervisor::agent()
 {
     if (!m_agent) {
         m_agent = new Child(
             m_clock, QStringLiteral("agent"), m_locations.helpers + QStringLiteral("/node"),
             [this] { return QStringList{agentSource() + QStringLiteral("/src/main.mjs")}; },
             [this] { return agentEnvironment(); }, m_locations.logs + QStringLiteral("/agent.log"), true, this);
-        m_agent->onLine = AgentLine(*this);
-        m_agent->onState = [this](Child::State state) { agentStateChanged(state); };
+        m_agent->onLine = m_agentLines;
+        m_agent->onState = [this](Child::State state) { emit agentStateChanged(state); };
         m_agent->onFailure = [this](int status, bool signal, const QString &tail) {
-            if (m_hooks.childFailed)
-                m_hooks.childFailed(QStringLiteral("agent"), status, signal, tail);
+            emit childFailed(QStringLiteral("agent"), status, signal, tail);
         };
     }
     return *m_agent;
 }
 
-Child &AppModel::screen()
+Child &ChildSupervisor::screen()
 {
     if (!m_screen) {
         m_screen = new Child(
@@ -100,64 +106,22 @@ Child &AppModel::screen()
                 return env;
             },
             m_locations.logs + QStringLiteral("/screen.log"), false, this);
-        m_screen->onState = [this](Child::State state) {
-            if (m_screenState == state)
-                return;
-            m_screenState = state;
-            emit screenChanged();
-        };
+        m_screen->onState = [this](Child::State state) { emit screenStateChanged(state); };
         m_screen->onFailure = [this](int status, bool signal, const QString &tail) {
-            if (m_hooks.childFailed)
-                m_hooks.childFailed(QStringLiteral("zuv-screen"), status, signal, tail);
+            emit childFailed(QStringLiteral("zuv-screen"), status, signal, tail);
         };
     }
     return *m_screen;
 }
 
-void AppModel::agentStateChanged(Child::State state)
-{
-    if (m_agentState != state) {
-        m_agentState = state;
-        emit agentChanged();
-    }
-    if (state == Child::State::running) {
-        if (m_hooks.agentRunning)
-            m_hooks.agentRunning();
-        return;
-    }
-    setConnected(false);
-    setAgentBusy(false);
-    if (m_hooks.agentStopped)
-        m_hooks.agentStopped();
-}
-
-void AppModel::setClaude(bool found, const std::optional<QString> &state)
-{
-    if (m_answers == found && m_claudeState == state)
-        return;
-    m_answers = found;
-    m_claudeState = state;
-    emit agentChanged();
-}
-
-void AppModel::setAgentBusy(bool busy)
-{
-    if (m_agentBusy == busy)
-        return;
-    m_agentBusy = busy;
-    emit agentChanged();
-}
-
-void AppModel::startChildren()
+void ChildSupervisor::start(bool withAgent)
 {
     Paths::ensure(workFolder());
     Child &helper = screen();
     helper.setWanted(true);
     if (!helper.process())
         helper.launch();
-    // Without the token in hand (a locked keyring) the agent would meet a 401 and
-    // unpair us; it starts once the token is read.
-    if (m_pairing.state == Pairing::State::paired && m_keychain.token()) {
+    if (withAgent) {
         Child &link = agent();
         link.setWanted(true);
         if (!link.process() && !m_agentLaunch.isRunning())
@@ -166,9 +130,9 @@ void AppModel::startChildren()
     }
 }
 
-QCoro::Task<void> AppModel::launchAgentWhenReady(CancelToken token)
+QCoro::Task<void> ChildSupervisor::launchAgentWhenReady(CancelToken token)
 {
-    QPointer<AppModel> self(this);
+    QPointer<ChildSupervisor> self(this);
     // The agent's PATH is the login shell's, asked on a worker thread once per
     // process; the main thread goes on meanwhile.
     auto future = LoginShell::resolve();
@@ -181,7 +145,7 @@ QCoro::Task<void> AppModel::launchAgentWhenReady(CancelToken token)
         link.launch();
 }
 
-void AppModel::stopAgent()
+void ChildSupervisor::stopAgent()
 {
     m_agentLaunch.cancel();
     Child &link = agent();
@@ -189,7 +153,7 @@ void AppModel::stopAgent()
     link.terminate();
 }
 
-void AppModel::stopChildren()
+void ChildSupervisor::stopAll()
 {
     stopAgent();
     Child &helper = screen();
