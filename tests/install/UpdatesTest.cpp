@@ -5,6 +5,7 @@
 #include "platform/Updater.h"
 
 #include "Fixture.h"
+#include "FakeUpdater.h"
 #include "Support.h"
 #include "TestHub.h"
 
@@ -13,16 +14,11 @@
 #include <QNetworkAccessManager>
 
 using namespace zuv;
+using test::FakeUpdater;
 using test::TestHub;
 
 namespace {
 
-struct FakeUpdater final : Updater {
-    int dialogs = 0;
-    int background = 0;
-    void checkForUpdates() override { ++dialogs; }
-    void checkInBackground() override { ++background; }
-};
 
 class UpdatesTest : public ::testing::Test, protected test::HubFixture {
 protected:

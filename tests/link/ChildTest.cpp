@@ -341,3 +341,27 @@ TEST(LoginShell, runUsesTheLoginPathAndEndsWhatOutlivesItsTime)
     EXPECT_EQ(LoginShell::run("sh", {"-c", "exit 4"}, 5)->status, 4);
     EXPECT_FALSE(LoginShell::run("sleep", {"5"}, 0.2)) << "outlived its time";
 }
+
+// One failure report per child in 600 seconds, to the second: a failure 599.5 s
+// after the last report stays quiet, one 603.5 s after it is reported.
+TEST_F(ChildTest, failureReportsAreSixHundredSecondsApart)
+{
+    auto child = make("read x; exit 1", true);
+    start(*child);
+    auto failWhenRunning = [&] {
+        ASSERT_TRUE(test::waitUntil([&] { return child->process() && child->process()->state() == QProcess::Running; }));
+        ASSERT_TRUE(child->send("go"));
+    };
+    failWhenRunning();
+    clock.advance(nextDelay(*child)); // 2 s
+    ASSERT_EQ(failures.size(), 1u);
+
+    clock.advance(597.5); // a long run: 599.5 s after the report
+    failWhenRunning();
+    const double delay = nextDelay(*child);
+    EXPECT_EQ(failures.size(), 1u) << "599.5 s after the last report";
+    clock.advance(delay + 3.5);
+    failWhenRunning();
+    nextDelay(*child);
+    EXPECT_EQ(failures.size(), 2u) << "more than 600 s after the last report";
+}
