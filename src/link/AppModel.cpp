@@ -2,13 +2,10 @@
 
 #include "base/Clock.h"
 #include "base/Defaults.h"
-#include "base/Http.h"
-#include "base/Json.h"
 #include "base/Log.h"
 #include "hub/MacAPI.h"
 #include "base/Keychain.h"
 #include "link/AgentLine.h"
-#include "platform/DeviceName.h"
 
 #include <QCoreApplication>
 #include <QNetworkAccessManager>
