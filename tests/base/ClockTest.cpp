@@ -8,6 +8,9 @@
 
 #include <QPointer>
 
+#include <atomic>
+#include <thread>
+
 using namespace zuv;
 
 namespace {
@@ -180,4 +183,34 @@ TEST(RealClock, uptimeIsTheBootClockAndSleepsWake)
     token.cancel();
     ASSERT_TRUE(test::waitUntil([&] { return events.size() == 2; }));
     EXPECT_TRUE(events[1].startsWith("long:cancelled"));
+}
+
+// Workers log too: lines from several threads all arrive whole, and once the sink
+// is taken away no call into it is still running.
+TEST(Log, theSinkTakesLinesFromWorkersAndGoesAwayCleanly)
+{
+    std::vector<QString> lines; // guarded by the log's own lock
+    std::atomic<bool> inSink{false};
+    setLogSink([&](const QString &line) {
+        EXPECT_FALSE(inSink.exchange(true)) << "two calls at once";
+        lines.push_back(line);
+        inSink = false;
+    });
+    std::vector<std::thread> workers;
+    for (int t = 0; t < 4; ++t)
+        workers.emplace_back([t] {
+            for (int i = 0; i < 500; ++i)
+                log(QStringLiteral("worker %1 line %2").arg(t).arg(i));
+        });
+    for (auto &worker : workers)
+        worker.join();
+    EXPECT_EQ(lines.size(), 2000u);
+    std::thread late([] {
+        for (int i = 0; i < 20; ++i)
+            log(QStringLiteral("late %1").arg(i));
+    });
+    setLogSink({}); // from here on nothing reaches `lines`, which goes away with the test
+    const size_t kept = lines.size();
+    late.join();
+    EXPECT_EQ(lines.size(), kept);
 }
