@@ -134,3 +134,19 @@ TEST_F(UpdatesTest, updateNowLooksAtOnce)
     Updates now(clock, api, other, [] { return false; }, {"zuv", "--update-now"}, QStringLiteral("1"));
     EXPECT_EQ(other.background, 1);
 }
+
+// The wait for an idle moment belongs to its Updates: when that goes, so does the
+// wait, instead of lingering in the clock until it wakes into nothing.
+TEST_F(UpdatesTest, theWaitEndsWithItsOwner)
+{
+    bool installed = false;
+    {
+        Updates owner(clock, api, updater, [] { return true; }, {}, QStringLiteral("1"));
+        owner.willInstallOnQuit([&] { installed = true; });
+        EXPECT_EQ(clock.sleepers(), 1);
+    }
+    test::drain();
+    EXPECT_EQ(clock.sleepers(), 0);
+    clock.advance(3 * 3600);
+    EXPECT_FALSE(installed);
+}
