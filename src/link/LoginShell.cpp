@@ -114,8 +114,9 @@ QFuture<QString> resolve()
 QString path()
 {
     QMutexLocker lock(&cache().mutex);
-    if (cache().future && cache().future->isFinished())
-        return cache().future->result();
+    // The result is there a moment before the future calls itself finished.
+    if (cache().future && cache().future->isResultReadyAt(0))
+        return cache().future->resultAt(0);
     return fallback();
 }
 
