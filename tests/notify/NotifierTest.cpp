@@ -362,9 +362,9 @@ TEST(DBusNotificationCenter, withoutADaemonItSaysSoOnce)
     center.add(r);
     r.identifier = QStringLiteral("b");
     center.add(r);
-    ASSERT_TRUE(test::waitUntil([&] { return !logged.isEmpty(); }));
+    // Both calls come back with an error; neither banner counts as delivered.
+    ASSERT_TRUE(test::waitUntil([&] { return !logged.isEmpty() && center.delivered(QString()).isEmpty(); }));
     test::drain();
-    EXPECT_EQ(logged.size(), 1);
-    EXPECT_TRUE(center.delivered(QString()).isEmpty());
+    EXPECT_EQ(logged.size(), 1) << "said once";
     setLogSink({});
 }
