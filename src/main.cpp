@@ -1,18 +1,17 @@
 // The composition root: builds the process-wide objects with their real services.
 #include "app/AppDelegate.h"
-#include "base/Build.h"
 #include "app/SingleInstance.h"
 #include "base/AppLog.h"
+#include "base/Build.h"
 #include "base/Clock.h"
 #include "base/Defaults.h"
+#include "base/Keychain.h"
 #include "base/Log.h"
 #include "base/Paths.h"
-#include "zuv_version.h"
 #include "diagnostics/Diagnostics.h"
 #include "install/Updates.h"
 #include "hub/MacAPI.h"
 #include "link/AppModel.h"
-#include "base/Keychain.h"
 #include "platform/linux/Cld2LanguageDetector.h"
 #include "platform/linux/CrashHandler.h"
 #include "platform/linux/LinuxCrashSource.h"
@@ -20,6 +19,7 @@
 #include "platform/linux/SourceUpdater.h"
 #include "platform/linux/QtSynthesizer.h"
 #include "platform/linux/QuitSignals.h"
+#include "platform/linux/RealClock.h"
 #include "settings/Models.h"
 #include "settings/SettingsModel.h"
 #include "voice/Speaker.h"
@@ -31,6 +31,8 @@
 #include <QCoro/QCoroTask>
 
 #include <cstdio>
+
+#include "zuv_version.h"
 
 using namespace zuv;
 

@@ -1,5 +1,7 @@
 #include "app/SingleInstance.h"
 
+#include "platform/linux/PrivateFolder.h"
+
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
@@ -8,13 +10,6 @@
 #include <QLocalSocket>
 #include <QLockFile>
 #include <QThread>
-#include <QFileInfo>
-
-#include <cerrno>
-#include <cstring>
-
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace zuv {
 
@@ -28,17 +23,8 @@ SingleInstance::~SingleInstance() = default;
 
 SingleInstance::Role SingleInstance::claim(const QStringList &arguments)
 {
-    // mkdir with 0700 from the start: there is no moment when others could enter.
-    const QByteArray encoded = QFile::encodeName(m_folder);
-    if (::mkdir(encoded.constData(), 0700) != 0 && errno != EEXIST) {
-        const QString parent = QFileInfo(m_folder).absolutePath();
-        if (!QDir().mkpath(parent) || (::mkdir(encoded.constData(), 0700) != 0 && errno != EEXIST)) {
-            m_error = tr("Couldn't create %1: %2").arg(m_folder, QString::fromLocal8Bit(std::strerror(errno)));
-            return Role::failed;
-        }
-    }
     QString why;
-    if (!privateFolder(m_folder, &why)) {
+    if (!PrivateFolder::make(m_folder, &why)) {
         m_error = tr("Zuv won't use %1 for its lock and socket: %2. Remove the folder, or set XDG_RUNTIME_DIR.")
                       .arg(m_folder, why);
         return Role::failed;
@@ -67,28 +53,6 @@ SingleInstance::Role SingleInstance::claim(const QStringList &arguments)
     }
     m_error = QStringLiteral("Another Zuv is running but did not answer.");
     return Role::failed;
-}
-
-bool SingleInstance::privateFolder(const QString &folder, QString *why)
-{
-    struct stat info {};
-    if (::lstat(QFile::encodeName(folder).constData(), &info) != 0) {
-        *why = QString::fromLocal8Bit(std::strerror(errno));
-        return false;
-    }
-    if (!S_ISDIR(info.st_mode)) {
-        *why = tr("it is not a folder");
-        return false;
-    }
-    if (info.st_uid != ::getuid()) {
-        *why = tr("it belongs to another user");
-        return false;
-    }
-    if ((info.st_mode & 0777) != 0700) {
-        *why = tr("others may use it (mode %1, not 700)").arg(info.st_mode & 0777, 3, 8, QLatin1Char('0'));
-        return false;
-    }
-    return true;
 }
 
 void SingleInstance::startDelivering()

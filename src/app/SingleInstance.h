@@ -31,10 +31,6 @@ public:
     // is called: a launch during start-up (while the keyring is read) is not lost.
     void startDelivering();
 
-    // Whether `folder` is ours alone: a real directory (not a link), owned by us,
-    // mode 0700. On failure `why` says what is wrong.
-    static bool privateFolder(const QString &folder, QString *why);
-
 signals:
     // The arguments of a later launch, program name first.
     void received(const QStringList &arguments);

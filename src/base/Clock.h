@@ -11,7 +11,6 @@
 #include <functional>
 #include <map>
 
-
 namespace zuv {
 
 // The only source of time for logic. now() is wall time in seconds since 1970;
@@ -39,7 +38,6 @@ protected:
         CancelToken token;
         quint64 cancelHandler = 0;
         std::function<void()> release; // frees what arm() set up
-
     };
 
     // Called when a sleeper is registered; the subclass arranges to call wake().
@@ -56,19 +54,6 @@ private:
     friend struct SleepAwaiter;
     quint64 m_next = 1;
     bool m_closing = false;
-};
-
-// Real time, through QTimer.
-class RealClock final : public Clock {
-    Q_OBJECT
-public:
-    explicit RealClock(QObject *parent = nullptr);
-    ~RealClock() override;
-    double now() const override;
-    double uptime() const override;
-
-protected:
-    void arm(quint64 id, Sleeper &sleeper) override;
 };
 
 // Virtual time for tests: nothing moves until advance(), which wakes sleepers in

@@ -2,6 +2,7 @@
 
 #include "base/Clock.h"
 #include "base/Paths.h"
+#include "platform/linux/ProcessGuard.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -12,8 +13,6 @@
 #include <csignal>
 #include <limits>
 
-#include <sys/prctl.h>
-#include <unistd.h>
 
 namespace zuv {
 
@@ -90,15 +89,9 @@ void Child::launch()
     process->setProcessChannelMode(QProcess::MergedChannels);
     if (!m_takesInput)
         process->setStandardInputFile(QProcess::nullDevice());
-    // The child must not outlive us, even when we are killed outright: the kernel
-    // sends it SIGTERM when we die. A parent that died before the call is caught
-    // by comparing the parent's pid.
-    const pid_t parent = getpid();
-    process->setChildProcessModifier([parent] {
-        prctl(PR_SET_PDEATHSIG, SIGTERM);
-        if (getppid() != parent)
-            raise(SIGTERM);
-    });
+    // The child must not outlive us, even when we are killed outright.
+    const long parent = ProcessGuard::self();
+    process->setChildProcessModifier([parent] { ProcessGuard::endWithParent(parent); });
 
     connect(process, &QProcess::readyReadStandardOutput, this, &Child::readOutput);
     connect(process, &QProcess::started, this, [this] {

@@ -1,4 +1,5 @@
 #include "app/SingleInstance.h"
+#include "platform/linux/PrivateFolder.h"
 
 #include "Support.h"
 
@@ -56,15 +57,15 @@ TEST(SingleInstance, onlyAPrivateFolderOfOursIsUsed)
     QDir().mkpath(home.file("open"));
     QFile::setPermissions(home.file("open"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner | QFile::ReadGroup
                                                  | QFile::ExeGroup);
-    EXPECT_FALSE(SingleInstance::privateFolder(home.file("open"), &why));
+    EXPECT_FALSE(PrivateFolder::check(home.file("open"), &why));
     EXPECT_TRUE(why.contains("750")) << why.toStdString();
 
     QDir().mkpath(home.file("real"));
     QFile::setPermissions(home.file("real"), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
-    EXPECT_TRUE(SingleInstance::privateFolder(home.file("real"), &why));
+    EXPECT_TRUE(PrivateFolder::check(home.file("real"), &why));
     QFile::link(home.file("real"), home.file("link"));
-    EXPECT_FALSE(SingleInstance::privateFolder(home.file("link"), &why)) << "a link is not followed";
-    EXPECT_FALSE(SingleInstance::privateFolder("/", &why)) << "root's folder is not ours";
+    EXPECT_FALSE(PrivateFolder::check(home.file("link"), &why)) << "a link is not followed";
+    EXPECT_FALSE(PrivateFolder::check("/", &why)) << "root's folder is not ours";
 
     SingleInstance refused(home.file("open"));
     EXPECT_EQ(refused.claim({"zuv"}), SingleInstance::Role::failed);

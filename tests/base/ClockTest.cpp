@@ -1,4 +1,5 @@
 #include "base/Clock.h"
+#include "platform/linux/RealClock.h"
 #include "base/Job.h"
 #include "base/Log.h"
 
@@ -136,6 +137,19 @@ TEST(TestClock, aCancelInTheTurnOfTheDeadlineReturnsFalse)
     EXPECT_EQ(events.front(), "x:cancelled@5");
     test::drain();
     EXPECT_EQ(events.size(), 1u) << "resumed once";
+}
+
+// Deadlines are reached by steps that add up on paper, whatever binary rounding says.
+TEST(TestClock, stepsThatAddUpReachTheDeadline)
+{
+    TestClock clock;
+    std::vector<QString> events;
+    clock.advance(3);
+    spawn(sleeper(clock, 15, CancelToken(), &events, "s"), "s");
+    clock.advance(14.9);
+    EXPECT_TRUE(events.empty());
+    clock.advance(0.1);
+    EXPECT_EQ(events.size(), 1u);
 }
 
 // A Job owns its task: destroying or replacing it cancels the task's waits.

@@ -1,4 +1,5 @@
 #include "base/Clock.h"
+#include "platform/linux/RealClock.h"
 #include "base/Job.h"
 #include "base/Log.h"
 #include "platform/linux/Cld2LanguageDetector.h"
