@@ -53,8 +53,6 @@ public:
     void cancel() const;
     bool isCancelled() const { return m_token.isCancelled(); }
     bool isRunning() const { return m_running && *m_running; }
-    // The token handed to the task; a sleep with it ends when the job is cancelled.
-    const CancelToken &token() const { return m_token; }
 
 private:
     CancelToken m_token;

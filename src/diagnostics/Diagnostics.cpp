@@ -50,12 +50,9 @@ std::vector<CrashLog> readReports(std::shared_ptr<CrashSource> crashes, QString 
     std::vector<Found> found;
     const QDir dir(folder);
     for (const QFileInfo &file : dir.entryInfoList({QStringLiteral("*.ips")}, QDir::Files)) {
-        QFile in(file.absoluteFilePath());
-        if (!in.open(QIODevice::ReadOnly))
-            continue;
         const double modified = double(file.lastModified().toMSecsSinceEpoch()) / 1000.0;
         std::optional<CrashLog> log;
-        if (reportOfOurs(file.fileName()))
+        if (QFile in(file.absoluteFilePath()); reportOfOurs(file.fileName()) && in.open(QIODevice::ReadOnly))
             log = CrashLog::make(in.read(64 << 20), ours, home);
         // The crash's own time decides; a converted record's file is as new as its conversion.
         const double time = log && log->time > 0 ? log->time : modified;

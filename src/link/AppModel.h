@@ -92,7 +92,6 @@ public:
     Child &screen() { return m_children.screen(); }
     Child::State agentState() const { return m_agentState; }
     Child::State screenState() const { return m_screenState; }
-    ChildSupervisor &children() { return m_children; }
 
     // The screen helper, and the agent when paired with the token in hand.
     void startChildren();

@@ -10,6 +10,14 @@ namespace {
 QString tr(const char *text) { return QCoreApplication::translate("ModelPickerRows", text); }
 } // namespace
 
+std::optional<ModelOption> ModelPickerRows::withEfforts(const QString &model) const
+{
+    auto chosen = m_models.option(model, m_agent);
+    if (!chosen || !chosen->efforts || chosen->efforts->isEmpty())
+        return std::nullopt;
+    return chosen;
+}
+
 ModelPickerRows::ModelPickerRows(const Models &models, QString agent, std::optional<QString> defaultModel,
                                  QString model, QString effort)
     : m_models(models), m_agent(std::move(agent)), m_defaultModel(std::move(defaultModel)), m_model(std::move(model)),
@@ -22,8 +30,7 @@ void ModelPickerRows::setModel(const QString &model)
     if (model == m_model)
         return;
     m_model = model;
-    const auto chosen = m_models.option(m_model, m_agent);
-    if (chosen && chosen->efforts && !chosen->efforts->isEmpty() && !chosen->efforts->contains(m_effort))
+    if (const auto chosen = withEfforts(m_model); chosen && !chosen->efforts->contains(m_effort))
         m_effort.clear();
 }
 
@@ -45,17 +52,13 @@ std::vector<ModelPickerRows::Row> ModelPickerRows::modelRows() const
     return rows;
 }
 
-bool ModelPickerRows::showsEffort() const
-{
-    const auto chosen = m_models.option(m_model, m_agent);
-    return chosen && chosen->efforts && !chosen->efforts->isEmpty();
-}
+bool ModelPickerRows::showsEffort() const { return withEfforts(m_model).has_value(); }
 
 std::vector<ModelPickerRows::Row> ModelPickerRows::effortRows() const
 {
     std::vector<Row> rows;
-    const auto chosen = m_models.option(m_model, m_agent);
-    if (!chosen || !chosen->efforts || chosen->efforts->isEmpty())
+    const auto chosen = withEfforts(m_model);
+    if (!chosen)
         return rows;
     rows.push_back({QString(), chosen->defaultEffort
                                    ? tr("Default (%1)").arg(Models::effortName(*chosen->defaultEffort))

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "settings/ModelCatalog.h"
+
 #include <QString>
 
 #include <optional>
@@ -33,6 +35,9 @@ public:
     std::vector<Row> effortRows() const;
 
 private:
+    // The model's option when it offers efforts to choose from.
+    std::optional<ModelOption> withEfforts(const QString &model) const;
+
     const Models &m_models;
     QString m_agent;
     std::optional<QString> m_defaultModel;

@@ -28,8 +28,6 @@ constexpr std::array<bool, 128> specialTable = [] {
     return table;
 }();
 
-bool special(QChar c) { return c.unicode() < 128 && specialTable[c.unicode()]; }
-
 // The first special character at or after `from`, or the size.
 qsizetype nextSpecial(const QString &s, qsizetype from)
 {
@@ -68,7 +66,6 @@ int slot(Intent i) { return i == Intent::emphasized ? 0 : i == Intent::strong ? 
 struct Bracket {
     int piece;    // index of the "[" piece
     bool image;
-    bool active;
 };
 
 // The parser's lists, kept between calls so that a short line costs no allocation.
@@ -225,7 +222,7 @@ private:
                 p.to = i + (image ? 2 : 1);
                 p.bracket = true;
                 pieces.push_back(std::move(p));
-                brackets.push_back({int(pieces.size()) - 1, image, true});
+                brackets.push_back({int(pieces.size()) - 1, image});
                 i += image ? 2 : 1;
             } else if (c == QLatin1Char(']')) {
                 i = closeBracket(i);
@@ -434,7 +431,7 @@ private:
         const Bracket bracket = brackets.back();
         brackets.pop_back();
         pieces[bracket.piece].bracket = false;
-        const bool active = bracket.active && brackets.size() >= inactiveBelow;
+        const bool active = brackets.size() >= inactiveBelow;
         inactiveBelow = std::min(inactiveBelow, brackets.size()); // the freed place takes live brackets again
         qsizetype end = i;
         QString destination;

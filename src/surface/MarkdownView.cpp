@@ -143,29 +143,21 @@ struct Joined {
 };
 
 struct Builder {
-    explicit Builder(const QString &source) : paragraph(source) {}
+    explicit Builder(const QString &source) : paragraph(source), quote(source) {}
     MarkdownView::Blocks out;
     Joined paragraph;
-    bool inParagraph = false;
     std::vector<MarkdownView::Item> items;
-    QString quote; // stripped lines joined by line feeds
-    bool inQuote = false;
+    Joined quote; // stripped lines, so never a stretch of the source
     QStringList table;
 
-    void addToParagraph(QStringView line, qsizetype offset)
-    {
-        paragraph.add(line, offset);
-        inParagraph = true;
-    }
     void flushParagraph()
     {
-        if (!inParagraph)
+        if (!paragraph.any)
             return;
         MarkdownView::Block b;
         b.kind = MarkdownView::Block::Kind::paragraph;
         b.text = paragraph.take();
         out.push_back(std::move(b));
-        inParagraph = false;
     }
     void flushList()
     {
@@ -179,13 +171,12 @@ struct Builder {
     }
     void flushQuote()
     {
-        if (!inQuote)
+        if (!quote.any)
             return;
         MarkdownView::Block b;
         b.kind = MarkdownView::Block::Kind::quote;
-        b.text = std::exchange(quote, QString());
+        b.text = quote.take();
         out.push_back(std::move(b));
-        inQuote = false;
     }
     void flushTable()
     {
@@ -282,10 +273,7 @@ MarkdownView::Blocks MarkdownView::parse(const QString &text)
             b.flushParagraph();
             b.flushList();
             b.flushTable();
-            if (b.inQuote)
-                b.quote += QLatin1Char('\n');
-            b.quote += trimBlanks(trimmed.mid(1));
-            b.inQuote = true;
+            b.quote.add(trimBlanks(trimmed.mid(1)), -1);
             continue;
         }
         if (trimmed.startsWith(QLatin1Char('|'))) {
@@ -302,7 +290,7 @@ MarkdownView::Blocks MarkdownView::parse(const QString &text)
         b.flushList();
         b.flushQuote();
         b.flushTable();
-        b.addToParagraph(raw, offset);
+        b.paragraph.add(raw, offset);
     }
     if (inFence)
         b.add(Block::Kind::code, fence.take());
