@@ -1,5 +1,7 @@
 // The composition root: builds the process-wide objects with their real services.
+#include "app/AppActivity.h"
 #include "app/AppDelegate.h"
+#include "app/WindowOpener.h"
 #include "app/SingleInstance.h"
 #include "base/AppLog.h"
 #include "base/Build.h"
@@ -8,12 +10,17 @@
 #include "base/Keychain.h"
 #include "base/Log.h"
 #include "base/Paths.h"
+#include "chat/ChatModel.h"
+#include "chat/OutgoingFile.h"
 #include "diagnostics/Diagnostics.h"
 #include "install/Updates.h"
 #include "hub/MacAPI.h"
 #include "link/AppModel.h"
+#include "notify/Notifier.h"
 #include "platform/linux/Cld2LanguageDetector.h"
 #include "platform/linux/CrashHandler.h"
+#include "platform/linux/DBusNotificationCenter.h"
+#include "platform/linux/LauncherBadge.h"
 #include "platform/linux/LinuxCrashSource.h"
 #include "platform/linux/LinuxSecretStore.h"
 #include "platform/linux/SourceUpdater.h"
@@ -99,12 +106,24 @@ int main(int argc, char **argv)
                              QDir::homePath()});
     Diagnostics::setShared(&diagnostics);
 
+    AppActivity activity;
+    activity.followApplication();
+    DBusNotificationCenter notifications;
+    Notifier notifier(clock, defaults, notifications);
+    Notifier::setShared(&notifier);
+    LauncherBadge badge;
+    OutgoingFile::sweep(); // what an earlier run left unsent
+    ChatModel chat(clock, defaults, keychain, api, notifier, badge, activity);
+    ChatModel::setShared(&chat);
+    WindowOpener opener;
+    WindowOpener::setShared(&opener);
+
     SourceUpdater updater;
-    Updates updates(clock, api, updater, [&model] { return model.agentBusy(); }, QApplication::arguments(),
-                    Build::number());
+    Updates updates(clock, api, updater, [&model, &chat] { return chat.busy() || model.agentBusy(); },
+                    QApplication::arguments(), Build::number());
     Updates::setShared(&updates);
 
-    AppDelegate delegate(clock, model, diagnostics, updates);
+    AppDelegate delegate(clock, model, chat, notifier, opener, diagnostics, updates);
     QObject::connect(&model, &AppModel::setupWanted, &delegate, &AppDelegate::showSetup);
     QObject::connect(&model, &AppModel::childFailed, &diagnostics,
                      [&diagnostics](const QString &name, int status, bool signal, const QString &tail) {

@@ -1,10 +1,13 @@
 #include "app/AppDelegate.h"
 
 #include "base/Clock.h"
+#include "app/WindowOpener.h"
 #include "base/Job.h"
+#include "chat/ChatModel.h"
 #include "diagnostics/Diagnostics.h"
 #include "install/Updates.h"
 #include "link/AppModel.h"
+#include "notify/Notifier.h"
 
 #include <QPointer>
 
@@ -16,10 +19,12 @@ namespace {
 AppDelegate *g_shared = nullptr;
 }
 
-AppDelegate::AppDelegate(Clock &clock, AppModel &model, Diagnostics &diagnostics, Updates &updates, QObject *parent)
+AppDelegate::AppDelegate(Clock &clock, AppModel &model, ChatModel &chat, Notifier &notifier, WindowOpener &opener,
+                         Diagnostics &diagnostics, Updates &updates, QObject *parent)
     : QObject(parent), m_clock(clock), m_model(model), m_diagnostics(diagnostics), m_updates(updates)
 {
     g_shared = this;
+    connectChat(model, chat, notifier, opener, this);
     // Until the setup window exists, the code to type and the link to scan go to app.log.
     connect(&m_model, &AppModel::pairingChanged, this, &AppDelegate::logPairing);
     connect(&m_model, &AppModel::connectedChanged, this, [this] {
@@ -35,6 +40,22 @@ AppDelegate::~AppDelegate()
 }
 
 AppDelegate *AppDelegate::shared() { return g_shared; }
+
+void AppDelegate::connectChat(AppModel &model, ChatModel &chat, Notifier &notifier, WindowOpener &opener,
+                              QObject *context)
+{
+    connect(&model, &AppModel::chatStartWanted, context, [&chat] { chat.start(); });
+    connect(&model, &AppModel::chatStopWanted, context, [&chat] { chat.stop(); });
+    connect(&model, &AppModel::sessionsReloadWanted, context,
+            [&chat] { spawn(chat.reloadSessions(), QStringLiteral("Reloading sessions")); });
+    connect(&notifier, &Notifier::answer, context, [&chat](const QString &permission, bool allow) {
+        spawn(chat.answer(permission, allow), QStringLiteral("Answering a tool request"));
+    });
+    connect(&notifier, &Notifier::open, context,
+            [&opener](const std::optional<QString> &conversation, const std::optional<QString> &session) {
+                opener.show(conversation, session);
+            });
+}
 
 bool AppDelegate::has(const QStringList &arguments, const QString &flag) { return arguments.contains(flag); }
 

@@ -9,7 +9,10 @@
 namespace zuv {
 
 class AppModel;
+class ChatModel;
 class Clock;
+class Notifier;
+class WindowOpener;
 class Diagnostics;
 class Updates;
 
@@ -18,7 +21,8 @@ class Updates;
 class AppDelegate : public QObject {
     Q_OBJECT
 public:
-    AppDelegate(Clock &clock, AppModel &model, Diagnostics &diagnostics, Updates &updates, QObject *parent = nullptr);
+    AppDelegate(Clock &clock, AppModel &model, ChatModel &chat, Notifier &notifier, WindowOpener &opener,
+                Diagnostics &diagnostics, Updates &updates, QObject *parent = nullptr);
     ~AppDelegate() override;
 
     static AppDelegate *shared();
@@ -28,6 +32,12 @@ public:
     // Arguments handed over by a second launch of the app.
     void open(const QStringList &arguments);
     void showSetup();
+
+    // The chat follows the link (started when paired, stopped when unpaired, its
+    // sessions reloaded when the agent reaches the hub), and banners are answered:
+    // "Allow" and "Deny" go to the hub, a click opens the item.
+    static void connectChat(AppModel &model, ChatModel &chat, Notifier &notifier, WindowOpener &opener,
+                            QObject *context);
 
     // Whether `flag` occurs among the arguments. Flags have no parser on purpose.
     static bool has(const QStringList &arguments, const QString &flag);
