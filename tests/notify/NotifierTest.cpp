@@ -8,6 +8,7 @@
 #include "platform/linux/DBusNotificationCenter.h"
 
 #include "FakeNotificationCenter.h"
+#include "MockNotificationDaemon.h"
 #include "Support.h"
 
 #include <gtest/gtest.h>
@@ -168,129 +169,10 @@ TEST(Notifier, sessionsDoneInOneSecondReplaceEachOtherAndTheSwitchStopsOnlyBanne
     EXPECT_TRUE(f.notifier.enabled()) << "a value of another type counts as on";
 }
 
-namespace {
-
-// A session bus of the test's own with python3-dbusmock's notification daemon on it.
-class MockNotificationDaemon {
-public:
-    explicit MockNotificationDaemon(bool withDaemon = true)
-    {
-        // A bus with no service files: nothing on it is started on demand (the
-        // desktop's own notification daemon would be).
-        test::writeText(m_home.file("bus.conf"),
-                        "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-                        " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-                        "<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen><auth>EXTERNAL</auth>"
-                        "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                        "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n");
-        m_daemon.start(QStringLiteral("dbus-daemon"),
-                       {"--config-file=" + m_home.file("bus.conf"), "--nofork", "--print-address=1"});
-        if (!m_daemon.waitForStarted(5000) || !test::waitUntil([&] { return m_daemon.canReadLine(); }, 10000))
-            return;
-        m_address = QString::fromUtf8(m_daemon.readLine()).trimmed();
-        auto env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), m_address);
-        m_mock.setProcessEnvironment(env);
-        m_mock.setProcessChannelMode(QProcess::ForwardedChannels);
-        m_bus = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(m_address, QStringLiteral("mock-bus")));
-        if (!withDaemon)
-            return;
-        // The system's python3: a python3 earlier on PATH may lack dbusmock.
-        m_mock.start(QStringLiteral("/usr/bin/python3"), {"-m", "dbusmock", "--template", "notification_daemon"});
-        test::waitUntil(
-            [&] {
-                return m_bus->isConnected()
-                    && m_bus->interface()->isServiceRegistered(QStringLiteral("org.freedesktop.Notifications")).value();
-            },
-            15000);
-    }
-    ~MockNotificationDaemon()
-    {
-        m_bus.reset();
-        QDBusConnection::disconnectFromBus(QStringLiteral("mock-bus"));
-        m_mock.kill();
-        m_mock.waitForFinished(3000);
-        m_daemon.kill();
-        m_daemon.waitForFinished(3000);
-    }
-
-    bool up() const { return m_bus && m_bus->isConnected(); }
-    QDBusConnection &bus() { return *m_bus; }
-
-    struct Call {
-        QString method;
-        QVariantList args;
-    };
-    std::vector<Call> calls()
-    {
-        QDBusMessage get = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.Notifications"),
-                                                          QStringLiteral("/org/freedesktop/Notifications"),
-                                                          QStringLiteral("org.freedesktop.DBus.Mock"),
-                                                          QStringLiteral("GetCalls"));
-        const QDBusMessage reply = m_bus->call(get);
-        std::vector<Call> out;
-        if (reply.type() != QDBusMessage::ReplyMessage)
-            return out;
-        const QDBusArgument list = reply.arguments().at(0).value<QDBusArgument>();
-        list.beginArray();
-        while (!list.atEnd()) {
-            Call call;
-            quint64 when = 0;
-            list.beginStructure();
-            list >> when >> call.method >> call.args;
-            list.endStructure();
-            out.push_back(call);
-        }
-        list.endArray();
-        return out;
-    }
-    std::vector<Call> calls(const QString &method)
-    {
-        std::vector<Call> out;
-        for (auto &c : calls())
-            if (c.method == method)
-                out.push_back(c);
-        return out;
-    }
-    void emitSignal(const QString &name, const QString &signature, const QVariantList &args)
-    {
-        QDBusMessage emitIt = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.Notifications"),
-                                                             QStringLiteral("/org/freedesktop/Notifications"),
-                                                             QStringLiteral("org.freedesktop.DBus.Mock"),
-                                                             QStringLiteral("EmitSignal"));
-        emitIt << QStringLiteral("org.freedesktop.Notifications") << name << signature << args;
-        m_bus->call(emitIt);
-    }
-
-private:
-    test::TempHome m_home;
-    QProcess m_daemon;
-    QProcess m_mock;
-    QString m_address;
-    std::unique_ptr<QDBusConnection> m_bus;
-};
-
-// What the mock hands back comes as variants that may still hold D-Bus arguments.
-QVariant plainValue(const QVariant &value)
-{
-    return value.canConvert<QDBusVariant>() ? value.value<QDBusVariant>().variant() : value;
-}
-QStringList strings(const QVariant &value)
-{
-    const QVariant v = plainValue(value);
-    if (v.canConvert<QDBusArgument>())
-        return qdbus_cast<QStringList>(v.value<QDBusArgument>());
-    return v.toStringList();
-}
-QVariantMap hints(const QVariant &value)
-{
-    const QVariant v = plainValue(value);
-    if (v.canConvert<QDBusArgument>())
-        return qdbus_cast<QVariantMap>(v.value<QDBusArgument>());
-    return v.toMap();
-}
-
-} // namespace
+using test::MockNotificationDaemon;
+using test::hints;
+using test::plainValue;
+using test::strings;
 
 // The real protocol against a recording daemon: what goes out, the replaced
 // banner, an answer from the banner, and closing what we delivered.
