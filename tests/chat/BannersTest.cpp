@@ -37,8 +37,11 @@ TEST(ChatBanners, aToolRequestIsAnsweredFromItsBannerAndAReplyOnScreenRaisesNoth
     QWebSocket *server = nullptr;
     QObject::connect(&f.hub, &TestHub::socketConnected, [&](QWebSocket *s) { server = s; });
 
+    int sessionLists = 0;
+    QObject::connect(chat.get(), &ChatModel::sessionsChanged, [&] { ++sessionLists; });
     emit model->chatStartWanted(); // paired
-    ASSERT_TRUE(waitUntil([&] { return server && chat->conversations().size() == 2 && chat->sessionsLoaded(); }));
+    // Sessions and requests loaded, so that the request below is not undone by the first load.
+    ASSERT_TRUE(waitUntil([&] { return server && chat->conversations().size() == 2 && sessionLists == 2; }));
     server->sendTextMessage(QJsonDocument(QJsonObject{{"kind", "perm"}, {"request", permissionJson("p1", "s1")}}).toJson());
     ASSERT_TRUE(waitUntil([&] { return daemon.calls("Notify").size() == 1; }));
     const auto notify = daemon.calls("Notify")[0].args;

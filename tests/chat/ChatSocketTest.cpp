@@ -107,8 +107,9 @@ TEST_F(ChatSocket, badFramesChangeNothingAndLeaveTheSocketOpen)
     list("/app/conversations", "conversations", {conversationJson("c1", "Old")});
     ASSERT_TRUE(connectSocket());
     ASSERT_TRUE(waitUntil([&] { return listed("c1"); }));
-    const QString huge = QStringLiteral("{\"kind\":\"message\",\"entry\":{\"id\":\"h\",\"role\":\"assistant\",\"text\":\"%1\","
-                                        "\"at\":5,\"conversation\":\"elsewhere\",\"channel\":\"telegram\"}}")
+    // A user's message from elsewhere in a listed chat: it bumps the list and reloads nothing.
+    const QString huge = QStringLiteral("{\"kind\":\"message\",\"entry\":{\"id\":\"h\",\"role\":\"user\",\"text\":\"%1\","
+                                        "\"at\":5,\"conversation\":\"c1\",\"channel\":\"telegram\"}}")
                              .arg(QString(6 * 1024 * 1024, QLatin1Char('x')));
     server->sendBinaryMessage(QByteArray(1000, '\1'));
     ASSERT_TRUE(send({"not json", "[1,2]", "{\"kind\":\"nope\"}", "{\"kind\":\"message\"}", "{\"kind\":5}",
@@ -116,6 +117,7 @@ TEST_F(ChatSocket, badFramesChangeNothingAndLeaveTheSocketOpen)
                       "{\"kind\":\"perm\",\"request\":{\"id\":\"p\"}}", "{\"kind\":\"deleted\",\"conversation\":7}",
                       "{\"kind\":\"titles\",\"titles\":[{\"id\":\"c1\",\"title\":\"\"}]}", huge}));
     EXPECT_EQ(listed("c1")->title, "Old");
+    EXPECT_EQ(listed("c1")->preview.size(), 140);
     EXPECT_TRUE(chat->entries().empty());
     EXPECT_TRUE(chat->permissions().empty());
     EXPECT_TRUE(chat->deleted().isEmpty());
@@ -183,8 +185,10 @@ TEST_F(ChatSocket, aRefusedHandshakeWith401ForgetsTheAccessToken)
 
 TEST_F(ChatSocket, comingForwardCatchesUpOnceAtATime)
 {
+    int sessionLists = 0;
+    QObject::connect(chat.get(), &ChatModel::sessionsChanged, [&] { ++sessionLists; });
     ASSERT_TRUE(connectSocket());
-    ASSERT_TRUE(waitUntil([&] { return hub.count("GET", "/app/cc/permissions") == 1; }));
+    ASSERT_TRUE(waitUntil([&] { return sessionLists == 2; })) << "sessions and requests loaded";
     drain();
     hub.on("GET", "/app/conversations", [](const TestHub::Request &) {
         TestHub::Response r = TestHub::json(QJsonObject{{"conversations", QJsonArray()}});
@@ -199,6 +203,7 @@ TEST_F(ChatSocket, comingForwardCatchesUpOnceAtATime)
     activity.setActive(true);
     ASSERT_TRUE(waitUntil([&] { return hub.count("GET", "/app/cc/sessions") == sessions + 1; }));
     EXPECT_EQ(hub.count("GET", "/app/conversations"), lists + 1) << "no second catch-up while one runs";
+    ASSERT_TRUE(waitUntil([&] { return sessionLists == 3; })) << "the catch-up's last step";
     drain();
     activity.setActive(false);
     activity.setActive(true);
