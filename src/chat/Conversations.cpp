@@ -228,18 +228,16 @@ void ChatModel::bump(const QString &id, const Entry &entry)
                                  [&id](const Conversation &c) { return c.id == id; });
     if (it == m_conversations.end())
         return;
-    Conversation moved = std::move(*it);
-    m_conversations.erase(it);
+    // To the head; only those before it move.
+    std::rotate(m_conversations.begin(), it, it + 1);
+    Conversation &moved = m_conversations.front();
     moved.updatedAt = entry.at;
-    QString preview = entry.text;
-    preview.replace(QLatin1Char('\n'), QLatin1Char(' '));
-    // Cut by characters, never inside a surrogate pair.
+    // Cut by characters, never inside a surrogate pair, before anything is copied.
     qsizetype cut = 0;
-    for (int n = 0; n < previewLength && cut < preview.size(); ++n)
-        cut += (preview.at(cut).isHighSurrogate() && cut + 1 < preview.size()) ? 2 : 1;
-    preview.truncate(cut);
-    moved.preview = preview;
-    m_conversations.insert(m_conversations.begin(), std::move(moved));
+    for (int n = 0; n < previewLength && cut < entry.text.size(); ++n)
+        cut += (entry.text.at(cut).isHighSurrogate() && cut + 1 < entry.text.size()) ? 2 : 1;
+    moved.preview = entry.text.left(cut);
+    moved.preview.replace(QLatin1Char('\n'), QLatin1Char(' '));
     emit conversationsChanged();
 }
 
