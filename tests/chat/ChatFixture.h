@@ -93,15 +93,22 @@ struct ChatFixture : HubFixture {
         hub.on("GET", path, TestHub::json(QJsonObject{{key, items}}));
     }
 
-    // Starts the model and waits until the hub has the socket and its first ping.
+    // Starts the model and waits until the hub has the socket and its first ping,
+    // and the sessions and requests of the connection are loaded, so that frames
+    // sent next are not undone by those first loads.
     bool connectSocket()
     {
         const qsizetype pings = received.count(QStringLiteral("{\"kind\":\"ping\"}"));
         const size_t sockets = hub.sockets().size();
+        int loads = 0;
+        QMetaObject::Connection counting = QObject::connect(chat.get(), &ChatModel::sessionsChanged, [&] { ++loads; });
         chat->start();
-        return waitUntil([&] {
-            return hub.sockets().size() > sockets && received.count(QStringLiteral("{\"kind\":\"ping\"}")) > pings;
+        const bool up = waitUntil([&] {
+            return hub.sockets().size() > sockets && received.count(QStringLiteral("{\"kind\":\"ping\"}")) > pings
+                && loads >= 2;
         });
+        QObject::disconnect(counting);
+        return up;
     }
 
     // Sends frames from the hub and waits until the model has applied them: a
