@@ -21,7 +21,7 @@ AppDelegate *g_shared = nullptr;
 
 AppDelegate::AppDelegate(Clock &clock, AppModel &model, ChatModel &chat, Notifier &notifier, WindowOpener &opener,
                          Diagnostics &diagnostics, Updates &updates, QObject *parent)
-    : QObject(parent), m_clock(clock), m_model(model), m_diagnostics(diagnostics), m_updates(updates)
+    : QObject(parent), m_clock(clock), m_model(model), m_chat(chat), m_diagnostics(diagnostics), m_updates(updates)
 {
     g_shared = this;
     connectChat(model, chat, notifier, opener, this);
@@ -69,6 +69,8 @@ void AppDelegate::applicationDidFinishLaunching(const QStringList &arguments)
                                 QStringLiteral("The minimum build check"));
 
     m_model.startChildren();
+    if (m_model.pairing().state == AppModel::Pairing::State::paired)
+        m_chat.start();
 
     // The setup guide comes with the permissions check; until then an unpaired
     // computer is told how to pair.

@@ -50,6 +50,7 @@ private:
 
     Clock &m_clock;
     AppModel &m_model;
+    ChatModel &m_chat;
     Diagnostics &m_diagnostics;
     Updates &m_updates;
     Job m_minimumCheck;

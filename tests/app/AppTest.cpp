@@ -1,4 +1,5 @@
 // The real executable, started the way a user starts it, against the test hub.
+#include "MockNotificationDaemon.h"
 #include "Support.h"
 #include "TestHub.h"
 
@@ -6,6 +7,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QRegularExpression>
@@ -57,7 +59,7 @@ protected:
         env.insert("XDG_RUNTIME_DIR", home.file("run"));
         env.insert("QT_QPA_PLATFORM", "offscreen");
         // Keep the token out of the developer's own keyring.
-        env.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus");
+        env.insert("DBUS_SESSION_BUS_ADDRESS", bus.isEmpty() ? QStringLiteral("unix:path=/nonexistent/bus") : bus);
         env.remove("DISPLAY");
         return env;
     }
@@ -82,6 +84,7 @@ protected:
 
     test::TempHome home;
     TestHub hub;
+    QString bus; // a session bus of the test's own, if any
     std::vector<std::unique_ptr<QProcess>> processes;
 };
 
@@ -138,7 +141,10 @@ TEST_F(AppTest, aPairedAppRunsTheAgentUntilTheHubRevokesIt)
     test::writeText(tokenFile, "agent-token-e2e");
     QFile::setPermissions(tokenFile, QFile::ReadOwner | QFile::WriteOwner);
     QWebSocket *agentSocket = nullptr;
-    QObject::connect(&hub, &TestHub::socketConnected, [&](QWebSocket *s) { agentSocket = s; });
+    QObject::connect(&hub, &TestHub::socketConnected, [&](QWebSocket *s) {
+        if (s->request().url().path() == "/agent/ws")
+            agentSocket = s; // the app's own chat socket comes too
+    });
 
     QProcess *app = launch({});
     ASSERT_TRUE(logSays("agent connected to the hub", 20000)) << appLog().toStdString();
@@ -171,6 +177,52 @@ TEST_F(AppTest, aPairedAppRunsTheAgentUntilTheHubRevokesIt)
     EXPECT_EQ(app->exitCode(), 0);
     EXPECT_FALSE(QFile::exists(home.file("data/Zuv/screen.sock")));
     EXPECT_TRUE(logSays("Zuv quit"));
+}
+
+// The chat engine in the real app: the socket held and dialled again, a reply and
+// a tool request raised as freedesktop banners, and "Allow" on the banner
+// answering the request at the hub.
+TEST_F(AppTest, aPairedAppHoldsTheChatSocketAndAnswersFromItsBanners)
+{
+    test::MockNotificationDaemon daemon;
+    ASSERT_TRUE(daemon.up());
+    bus = daemon.address();
+    const QString tokenFile = home.file("data/Zuv/agent-token");
+    test::writeText(tokenFile, "agent-token-e2e");
+    QFile::setPermissions(tokenFile, QFile::ReadOwner | QFile::WriteOwner);
+    hub.grantTokens();
+    hub.on("GET", "/app/conversations", TestHub::json(QJsonObject{{"conversations", QJsonArray()}}));
+    hub.on("GET", "/app/cc/sessions", TestHub::json(QJsonObject{{"sessions", QJsonArray()}}));
+    hub.on("GET", "/app/cc/permissions", TestHub::json(QJsonObject{{"permissions", QJsonArray()}}));
+    hub.on("POST", "/app/cc/permission", TestHub::json(QJsonObject()));
+    std::vector<QWebSocket *> chats;
+    QObject::connect(&hub, &TestHub::socketConnected, [&](QWebSocket *s) {
+        if (s->request().url().path() == "/app/ws")
+            chats.push_back(s);
+    });
+
+    launch({});
+    ASSERT_TRUE(test::waitUntil([&] { return chats.size() == 1 && hub.count("GET", "/app/cc/permissions") == 1; }, 20000))
+        << appLog().toStdString();
+    test::drain();
+    const QJsonObject request{{"id", "p1"},      {"sessionId", "s1"}, {"project", "site"}, {"tool", "Bash"},
+                              {"summary", "ls"}, {"detail", "ls"},    {"at", 1},            {"status", "pending"}};
+    chats[0]->sendTextMessage(QJsonDocument(QJsonObject{{"kind", "perm"}, {"request", request}}).toJson());
+    const QJsonObject reply{{"id", "r1"}, {"role", "assistant"}, {"text", "All done"}, {"at", 2}, {"conversation", "c1"}};
+    chats[0]->sendTextMessage(QJsonDocument(QJsonObject{{"kind", "message"}, {"entry", reply}}).toJson());
+    ASSERT_TRUE(test::waitUntil([&] { return daemon.calls("Notify").size() == 2; }, 10000)) << appLog().toStdString();
+    const auto first = daemon.calls("Notify")[0].args;
+    EXPECT_EQ(test::plainValue(first[3]).toString(), "site: Claude wants to use Bash");
+    EXPECT_EQ(test::strings(first[5]).mid(0, 4), (QStringList{"ALLOW", "Allow", "DENY", "Deny"}));
+    EXPECT_EQ(test::plainValue(daemon.calls("Notify")[1].args[4]).toString(), "All done");
+
+    daemon.emitSignal("ActionInvoked", "us", {QVariant::fromValue(1u), QStringLiteral("ALLOW")});
+    ASSERT_TRUE(test::waitUntil([&] { return hub.count("POST", "/app/cc/permission") == 1; }, 10000));
+    EXPECT_EQ(hub.requests("POST", "/app/cc/permission")[0].json().toObject(), (QJsonObject{{"id", "p1"}, {"allow", true}}));
+
+    // A frame was heard, so the dropped socket is dialled again after one second.
+    chats[0]->close();
+    ASSERT_TRUE(test::waitUntil([&] { return chats.size() == 2; }, 10000));
 }
 
 namespace {

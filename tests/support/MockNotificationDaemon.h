@@ -59,6 +59,7 @@ public:
     }
 
     bool up() const { return m_bus && m_bus->isConnected(); }
+    QString address() const { return m_address; }
     QDBusConnection &bus() { return *m_bus; }
 
     struct Call {
