@@ -143,12 +143,18 @@ QCoro::Task<ChatModel::Attempt> ChatModel::connectOnce(bool first, CancelToken t
         if (guard)
             QMetaObject::invokeMethod(guard.data(), [guard] { if (guard) guard->close(); }, Qt::QueuedConnection);
     });
+    // A frame that comes after a stop, before the close has gone out, is dropped.
     Attempt *heardBy = &attempt;
-    connect(connection, &ChatConnection::text, this, [this, heardBy](const QByteArray &frame) {
+    connect(connection, &ChatConnection::text, this, [this, heardBy, token](const QByteArray &frame) {
+        if (token.isCancelled())
+            return;
         heard(heardBy);
         handle(frame);
     });
-    connect(connection, &ChatConnection::binary, this, [this, heardBy] { heard(heardBy); });
+    connect(connection, &ChatConnection::binary, this, [this, heardBy, token] {
+        if (!token.isCancelled())
+            heard(heardBy);
+    });
 
     if (!connection->isOpen() && !connection->hasEnded()) {
         auto settled = qCoro(connection, &ChatConnection::settled);
@@ -185,9 +191,10 @@ QCoro::Task<ChatModel::Attempt> ChatModel::connectOnce(bool first, CancelToken t
 void ChatModel::heard(Attempt *attempt)
 {
     m_lastHeard = m_clock.uptime();
-    attempt->heard = true;
-    if (!m_socketTask.isCancelled())
-        setLive(true);
+    if (!attempt->heard) {
+        attempt->heard = true;
+        setLive(true); // and the back-off starts over when this connection ends
+    }
 }
 
 QCoro::Task<void> ChatModel::beat(ChatConnection *raw, CancelToken token)

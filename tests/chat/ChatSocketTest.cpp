@@ -32,7 +32,10 @@ TEST_F(ChatSocket, opensOnceGoesLiveAtTheFirstFrameAndStopClosesWithGoingAway)
 
     chat->stop();
     EXPECT_FALSE(chat->live());
+    server->sendTextMessage(R"({"kind":"step","target":"cc","ref":"late","step":"x"})");
     ASSERT_TRUE(waitUntil([&] { return server->state() == QAbstractSocket::UnconnectedState; }));
+    EXPECT_FALSE(chat->live()) << "a frame after the stop changes nothing";
+    EXPECT_FALSE(chat->sessionSteps().contains("late"));
     EXPECT_EQ(server->closeCode(), QWebSocketProtocol::CloseCodeGoingAway);
     drain();
     EXPECT_EQ(clock.sleepers(), 0) << "a stopped loop waits for nothing";
