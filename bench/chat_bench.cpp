@@ -136,11 +136,56 @@ Result run(int entriesPerChat)
     return {double(feed.size()) / seconds, double(costs[costs.size() * 99 / 100]) / 1000.0};
 }
 
+// Hostile frames of 100 KB each: the handler must stay linear in them.
+void worstCases()
+{
+    HubFixture f;
+    f.keychain.setToken(QStringLiteral("agent"));
+    f.hub.grantTokens();
+    QJsonArray list;
+    for (int i = 0; i < listed; ++i)
+        list.append(QJsonObject{{"id", chatId(i)}, {"title", "T"}, {"createdAt", i}, {"updatedAt", i}, {"preview", ""}});
+    f.hub.on("GET", "/app/conversations", TestHub::json(QJsonObject{{"conversations", list}}));
+    QuietCenter center;
+    Notifier notifier(f.clock, f.defaults, center);
+    QuietBadge badge;
+    AppActivity activity;
+    ChatModel chat(f.clock, f.defaults, f.keychain, f.api, notifier, badge, activity);
+    await(chat.reloadConversations(false));
+
+    constexpr int size = 100 * 1024;
+    QByteArray titles = "{\"kind\":\"titles\",\"titles\":[";
+    for (int i = 0; titles.size() < size; ++i)
+        titles += QStringLiteral("{\"id\":\"c%1\",\"title\":\"t%1\"},").arg(i % (2 * listed)).toUtf8();
+    titles.chop(1);
+    titles += "]}";
+    QByteArray emoji;
+    for (int i = 0; emoji.size() < size; ++i)
+        emoji += "\xF0\x9F\x98\x80\\n";
+    const std::vector<std::pair<const char *, QByteArray>> cases{
+        {"nested brackets", QByteArray(size, '[')},
+        {"unclosed string", "{\"kind\":\"message\",\"entry\":{\"text\":\"" + QByteArray(size, 'a')},
+        {"titles for every chat", titles},
+        {"a message of emoji and line feeds",
+         "{\"kind\":\"message\",\"entry\":{\"id\":\"e\",\"role\":\"user\",\"text\":\"" + emoji
+             + "\",\"at\":1,\"conversation\":\"c5\",\"channel\":\"telegram\"}}"},
+        {"many unknown keys", "{\"kind\":\"seen\"," + QByteArray("\"k\":1,").repeated(size / 6) + "\"conversation\":\"c1\"}"},
+    };
+    for (const auto &[name, frame] : cases) {
+        QElapsedTimer timer;
+        timer.start();
+        chat.handle(frame);
+        std::printf("chat frame worst: %s, %.2f ms\n", name, double(timer.nsecsElapsed()) / 1e6);
+    }
+    drain();
+}
+
 } // namespace
 
 int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
+    worstCases();
     const Result more = run(2000);
     std::printf("chat frames with 2000 entries per loaded chat: %.0f/s, p99 %.1f µs\n", more.perSecond, more.p99);
     const Result headline = run(200);

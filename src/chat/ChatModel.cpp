@@ -254,9 +254,17 @@ void ChatModel::handle(const QByteArray &frame)
         if (e.ref)
             handleStep(e.target.value_or(QString()), *e.ref, e.step);
     } else if (e.kind == QLatin1String("titles")) {
+        // One look-up table per frame: a long list of titles costs its length, not
+        // its length times the number of chats.
+        QHash<QString, Conversation *> byId;
+        byId.reserve(qsizetype(m_conversations.size()));
+        for (Conversation &c : m_conversations) {
+            if (!byId.contains(c.id))
+                byId.insert(c.id, &c);
+        }
         bool changed = false;
         for (const auto &item : e.titles.value_or(std::vector<Envelope::Title>())) {
-            Conversation *c = conversation(item.id);
+            Conversation *c = byId.value(item.id);
             if (!item.title.isEmpty() && c && c->title != item.title) {
                 c->title = item.title;
                 changed = true;
