@@ -92,7 +92,8 @@ Result run(int entriesPerChat)
     Notifier notifier(f.clock, f.defaults, center);
     QuietBadge badge;
     AppActivity activity;
-    ChatModel chat(f.clock, f.defaults, f.keychain, f.api, notifier, badge, activity);
+    auto model = std::make_unique<ChatModel>(f.clock, f.defaults, f.keychain, f.api, notifier, badge, activity);
+    ChatModel &chat = *model;
     await(chat.reloadConversations(false));
     for (int i = 0; i < loaded; ++i)
         await(chat.refresh(chatId(i)));
@@ -131,7 +132,8 @@ Result run(int entriesPerChat)
         costs.push_back(one.nsecsElapsed());
     }
     const double seconds = double(total.nsecsElapsed()) / 1e9;
-    drain();
+    model.reset();
+    drain(); // the reloads that the frames started end with the model
     std::sort(costs.begin(), costs.end());
     return {double(feed.size()) / seconds, double(costs[costs.size() * 99 / 100]) / 1000.0};
 }
@@ -150,7 +152,8 @@ void worstCases()
     Notifier notifier(f.clock, f.defaults, center);
     QuietBadge badge;
     AppActivity activity;
-    ChatModel chat(f.clock, f.defaults, f.keychain, f.api, notifier, badge, activity);
+    auto model = std::make_unique<ChatModel>(f.clock, f.defaults, f.keychain, f.api, notifier, badge, activity);
+    ChatModel &chat = *model;
     await(chat.reloadConversations(false));
 
     constexpr int size = 100 * 1024;
@@ -177,6 +180,7 @@ void worstCases()
         chat.handle(frame);
         std::printf("chat frame worst: %s, %.2f ms\n", name, double(timer.nsecsElapsed()) / 1e6);
     }
+    model.reset();
     drain();
 }
 
