@@ -48,6 +48,7 @@ ChatModel::ChatModel(Clock &clock, Defaults &defaults, Keychain &keychain, MacAP
 
 ChatModel::~ChatModel()
 {
+    m_notifier.setScreen({}); // its questions lead here
     m_lifetime.cancel();
     m_socketTask.cancel();
     // Ends the open connection now, while the model still stands, so that the
