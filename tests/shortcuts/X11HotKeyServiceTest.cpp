@@ -1,0 +1,110 @@
+// Real key grabs on the test session's Xvfb display, pressed with xdotool. One
+// test, so that nothing else on the display grabs or changes the layout meanwhile.
+#include "platform/linux/X11HotKeyService.h"
+#include "shortcuts/HotKeys.h"
+
+#include "Support.h"
+
+#include <gtest/gtest.h>
+
+#include <QProcess>
+
+using namespace zuv;
+
+namespace {
+
+bool run(const QString &program, const QStringList &arguments)
+{
+    QProcess p;
+    p.start(program, arguments);
+    return p.waitForFinished(15000) && p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
+}
+
+bool xdotool(const QStringList &arguments) { return run(QStringLiteral("xdotool"), arguments); }
+
+// Super+Shift+K, in stored numbers.
+const KeyCombo superShiftK{40, KeyCombo::command | KeyCombo::shift, "K"};
+
+} // namespace
+
+TEST(X11HotKeys, grabsFireOnceWithAnyLockKeysAreRefusedWhenTakenAndFollowTheLayout)
+{
+    ASSERT_FALSE(qEnvironmentVariableIsEmpty("DISPLAY")) << "the tests run inside scripts/desktop-session";
+    X11HotKeyService service;
+    ASSERT_TRUE(service.problem().isEmpty()) << service.problem().toStdString();
+    HotKeys keys(service);
+    int presses = 0;
+    const auto id = keys.add(superShiftK, [&] { ++presses; });
+    ASSERT_TRUE(id);
+
+    ASSERT_TRUE(xdotool({"key", "super+shift+k"}));
+    ASSERT_TRUE(test::waitUntil([&] { return presses == 1; }));
+    // With NumLock, then with Caps Lock and NumLock on.
+    for (const char *lock : {"Num_Lock", "Caps_Lock"}) {
+        ASSERT_TRUE(xdotool({"key", lock}));
+        const int before = presses;
+        ASSERT_TRUE(xdotool({"key", "super+shift+k"}));
+        EXPECT_TRUE(test::waitUntil([&] { return presses == before + 1; })) << lock;
+    }
+    ASSERT_TRUE(xdotool({"key", "Caps_Lock", "Num_Lock"}));
+
+    // Held for over a second, the key repeats on the server: it fires once.
+    const int before = presses;
+    ASSERT_TRUE(xdotool({"keydown", "super+shift+k", "sleep", "1.2", "keyup", "super+shift+k"}));
+    ASSERT_TRUE(test::waitUntil([&] { return presses > before; }));
+    test::drain();
+    EXPECT_EQ(presses, before + 1);
+
+    // Another program holds the combo: a refusal, and none of its variants stay ours.
+    X11HotKeyService other;
+    const KeyCombo ctrlAltJ{38, KeyCombo::control | KeyCombo::option, "J"};
+    ASSERT_TRUE(other.grab(1, ctrlAltJ.keyCode, ctrlAltJ.modifiers));
+    EXPECT_FALSE(keys.add(ctrlAltJ, [] {}));
+    other.ungrab(1);
+    X11HotKeyService third;
+    EXPECT_TRUE(third.grab(1, ctrlAltJ.keyCode, ctrlAltJ.modifiers)) << "a refused combo leaves no grab behind";
+    third.ungrab(1);
+    EXPECT_FALSE(keys.add({2, KeyCombo::command, "D"}, [] {})) << "openbox's own Super+D";
+
+    // Unregistered and suspended keys are free for others, and come back after.
+    keys.suspend();
+    EXPECT_TRUE(third.grab(2, superShiftK.keyCode, superShiftK.modifiers)) << "suspended: not grabbed";
+    third.ungrab(2);
+    ASSERT_TRUE(xdotool({"key", "super+shift+k"}));
+    test::drain();
+    keys.resume();
+    EXPECT_TRUE(keys.held(*id));
+    const int resumed = presses;
+    ASSERT_TRUE(xdotool({"key", "super+shift+k"}));
+    ASSERT_TRUE(test::waitUntil([&] { return presses == resumed + 1; }));
+    EXPECT_EQ(resumed, before + 1) << "nothing fired while suspended";
+
+    // Another layout: the characters follow it, and the grab is taken again by position.
+    EXPECT_EQ(service.character(6), "z");
+    EXPECT_EQ(service.character(49), " ");
+    int changes = 0;
+    QObject::connect(&service, &X11HotKeyService::keymapChanged, [&] { ++changes; });
+    ASSERT_TRUE(run("setxkbmap", {"-layout", "de"}));
+    ASSERT_TRUE(test::waitUntil([&] { return changes > 0 && service.character(6) == "y"; }));
+    EXPECT_EQ(service.character(16), "z") << "the German Z sits where the US Y does";
+    EXPECT_EQ(service.keyCode("z"), 16);
+    const int german = presses;
+    ASSERT_TRUE(xdotool({"key", "super+shift+k"}));
+    EXPECT_TRUE(test::waitUntil([&] { return presses == german + 1; }));
+    ASSERT_TRUE(run("setxkbmap", {"-layout", "fr"}));
+    ASSERT_TRUE(test::waitUntil([&] { return service.character(0) == "q"; })) << "AZERTY: Q where A is";
+    ASSERT_TRUE(run("setxkbmap", {"-layout", "us"}));
+    ASSERT_TRUE(test::waitUntil([&] { return service.character(0) == "a"; }));
+
+    keys.remove(*id);
+    EXPECT_TRUE(third.grab(3, superShiftK.keyCode, superShiftK.modifiers)) << "removed: nothing left grabbed";
+}
+
+TEST(X11HotKeys, withoutADisplayThereAreNoShortcutsAndSaysWhy)
+{
+    X11HotKeyService service(":9999");
+    EXPECT_FALSE(service.problem().isEmpty());
+    EXPECT_FALSE(service.grab(1, 40, 256));
+    EXPECT_FALSE(service.character(0));
+    service.ungrab(1);
+}
