@@ -1,8 +1,10 @@
 // The rules of key combos and of the hot key owner, without a display.
 #include "platform/HotKeyService.h"
 #include "platform/Keyboard.h"
+#include "platform/linux/DesktopShortcuts.h"
 #include "shortcuts/HotKeys.h"
 #include "shortcuts/KeyCombo.h"
+#include "shortcuts/SystemShortcuts.h"
 
 #include "Support.h"
 
@@ -133,4 +135,40 @@ TEST(HotKeys, idsSuspensionAndPressesOnTheMainThread)
     service.press(*third);
     test::drain();
     EXPECT_EQ(c, 1);
+}
+
+TEST(SystemShortcuts, theDesktopsOwnBindingsAreReadAndCompared)
+{
+    FakeKeyboard keyboard;
+    keyboard.keys = {{2, "d"}, {4, "h"}, {43, ","}, {24, "="}, {40, "k"}};
+    using Combo = SystemShortcuts::Combo;
+    EXPECT_EQ(SystemShortcuts::parseGnome("<Super>d", keyboard), (Combo{2, 256}));
+    EXPECT_EQ(SystemShortcuts::parseGnome("<Primary><Alt>Page_Up", keyboard), (Combo{116, 4096 | 2048}));
+    EXPECT_EQ(SystemShortcuts::parseGnome("<Shift><Super>comma", keyboard), (Combo{43, 512 | 256}));
+    EXPECT_EQ(SystemShortcuts::parseGnome("F11", keyboard), (Combo{103, 0}));
+    for (const char *skipped : {"XF86AudioMute", "<Hyper>d", "<Super", "", "<Super>"})
+        EXPECT_FALSE(SystemShortcuts::parseGnome(skipped, keyboard)) << skipped;
+    EXPECT_EQ(SystemShortcuts::parseKde("Meta+Shift+D", keyboard), (Combo{2, 256 | 512}));
+    EXPECT_EQ(SystemShortcuts::parseKde("Ctrl+Alt+Del", keyboard), (Combo{117, 4096 | 2048}));
+    EXPECT_EQ(SystemShortcuts::parseKde("Ctrl+=", keyboard), (Combo{24, 4096}));
+    EXPECT_FALSE(SystemShortcuts::parseKde("Ctrl++", keyboard)) << "no plus key on this layout";
+    EXPECT_FALSE(SystemShortcuts::parseKde("Launch (1)", keyboard));
+
+    // GNOME's defaults (the memory back end holds nothing else) and a KDE file.
+    qputenv("GSETTINGS_BACKEND", "memory");
+    const QStringList gnome = DesktopShortcuts::gnome();
+    EXPECT_TRUE(gnome.contains("<Super>h")) << "minimize, from gsettings-desktop-schemas";
+    test::TempHome home;
+    test::writeText(home.file("kglobalshortcutsrc"), "[kwin]\n_k_friendly_name=KWin\nShow Desktop=Meta+D,Meta+D,Peek at Desktop\n"
+                                                     "Kill Window=none,Meta+Ctrl+Esc,Kill\nWindow Close=Alt+F4\tCtrl+K,Alt+F4,Close\n");
+    const QStringList kde = DesktopShortcuts::kde(home.path());
+    EXPECT_EQ(kde, (QStringList{"Meta+D", "Alt+F4", "Ctrl+K"}));
+    EXPECT_TRUE(DesktopShortcuts::kde(home.file("nowhere")).isEmpty());
+
+    SystemShortcuts shortcuts;
+    shortcuts.load(gnome, kde, keyboard);
+    EXPECT_TRUE(shortcuts.contains({4, 256, "H"}));
+    EXPECT_TRUE(shortcuts.contains({2, 256, "D"}));
+    EXPECT_TRUE(shortcuts.contains({40, 4096 | 0x8000, "K"})) << "bits beyond the four modifiers do not count";
+    EXPECT_FALSE(shortcuts.contains({40, 4096 | 512, "K"}));
 }
