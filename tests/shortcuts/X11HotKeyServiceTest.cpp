@@ -1,13 +1,21 @@
 // Real key grabs on the test session's Xvfb display, pressed with xdotool. One
 // test, so that nothing else on the display grabs or changes the layout meanwhile.
+#include "base/Defaults.h"
+#include "platform/linux/LinuxWorkspace.h"
 #include "platform/linux/X11HotKeyService.h"
+#include "shortcuts/AppShortcuts.h"
 #include "shortcuts/HotKeys.h"
 
 #include "Support.h"
 
 #include <gtest/gtest.h>
 
+#include <QRegularExpression>
+
+#include <QDir>
 #include <QProcess>
+
+#include <csignal>
 
 using namespace zuv;
 
@@ -107,4 +115,44 @@ TEST(X11HotKeys, withoutADisplayThereAreNoShortcutsAndSaysWhy)
     EXPECT_FALSE(service.grab(1, 40, 256));
     EXPECT_FALSE(service.character(0));
     service.ungrab(1);
+}
+
+// A desktop entry of the test's own: its shortcut starts it with the key's time,
+// hides it when it is in front, and brings it back.
+TEST(X11AppShortcuts, aShortcutOpensHidesAndBringsBackAnApplication)
+{
+    test::TempHome home;
+    const QString apps = qEnvironmentVariable("XDG_DATA_HOME") + QStringLiteral("/applications");
+    QDir().mkpath(apps);
+    const QString entry = apps + QStringLiteral("/org.zuv.TestApp.desktop");
+    const QString environment = home.file("environment");
+    // Written before GIO first looks, so that its list of entries holds it.
+    test::writeText(entry, "[Desktop Entry]\nType=Application\nName=Test App\nExec=" ZUV_TEST_WINDOW " "
+                               + environment.toUtf8() + "\nStartupWMClass=ZuvTestApp\nStartupNotify=true\n");
+    X11HotKeyService service;
+    HotKeys keys(service);
+    LinuxWorkspace workspace;
+    Defaults defaults(home.file("defaults.json"));
+    AppShortcuts shortcuts(defaults, keys, workspace);
+    const QUuid id = shortcuts.add(entry);
+    ASSERT_EQ(shortcuts.items().size(), 1u);
+    EXPECT_EQ(shortcuts.items()[0].name, "Test App");
+    EXPECT_EQ(shortcuts.items()[0].bundleID, "org.zuv.TestApp.desktop");
+    ASSERT_EQ(shortcuts.setCombo(KeyCombo{37, KeyCombo::command | KeyCombo::shift, "L"}, id), std::nullopt);
+    const QString app = QStringLiteral("org.zuv.TestApp.desktop");
+
+    ASSERT_TRUE(xdotool({"key", "super+shift+l"}));
+    ASSERT_TRUE(test::waitUntil([&] { return !test::readText(environment).isEmpty(); }, 10000));
+    const QString env = test::readText(environment);
+    EXPECT_TRUE(env.contains(QRegularExpression("DESKTOP_STARTUP_ID=zuv-\\d+-org\\.zuv\\.TestApp_TIME[1-9]\\d*\\n"))) << env.toStdString();
+    EXPECT_TRUE(env.contains("GIO_LAUNCHED_DESKTOP_FILE=" + entry + "\n"));
+    const qint64 pid = QRegularExpression("GIO_LAUNCHED_DESKTOP_FILE_PID=(\\d+)").match(env).captured(1).toLongLong();
+    ASSERT_GT(pid, 0);
+    ASSERT_TRUE(test::waitUntil([&] { return workspace.frontmost() == app; }, 10000)) << "the new window is in front";
+
+    ASSERT_TRUE(xdotool({"key", "super+shift+l"}));
+    EXPECT_TRUE(test::waitUntil([&] { return workspace.frontmost() != app; }, 10000)) << "in front: hidden";
+    ASSERT_TRUE(xdotool({"key", "super+shift+l"}));
+    EXPECT_TRUE(test::waitUntil([&] { return workspace.frontmost() == app; }, 10000)) << "brought back";
+    ::kill(pid_t(pid), SIGTERM);
 }

@@ -174,7 +174,8 @@ QByteArray property(xcb_connection_t *c, quint32 window, quint32 name, quint32 t
 std::vector<quint32> windows(const QByteArray &value)
 {
     std::vector<quint32> out(size_t(value.size()) / 4);
-    memcpy(out.data(), value.constData(), out.size() * 4);
+    if (!out.empty())
+        memcpy(out.data(), value.constData(), out.size() * 4);
     return out;
 }
 
