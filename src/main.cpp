@@ -20,7 +20,10 @@
 #include "platform/linux/Cld2LanguageDetector.h"
 #include "platform/linux/CrashHandler.h"
 #include "platform/linux/DBusNotificationCenter.h"
+#include "platform/linux/DesktopShortcuts.h"
 #include "platform/linux/LauncherBadge.h"
+#include "platform/linux/LinuxWorkspace.h"
+#include "platform/linux/X11HotKeyService.h"
 #include "platform/linux/LinuxCrashSource.h"
 #include "platform/linux/LinuxSecretStore.h"
 #include "platform/linux/SourceUpdater.h"
@@ -28,6 +31,9 @@
 #include "platform/linux/QuitSignals.h"
 #include "platform/linux/RealClock.h"
 #include "settings/Models.h"
+#include "shortcuts/AppShortcuts.h"
+#include "shortcuts/HotKeys.h"
+#include "shortcuts/SystemShortcuts.h"
 #include "settings/SettingsModel.h"
 #include "voice/Speaker.h"
 
@@ -35,6 +41,7 @@
 #include <QDir>
 #include <QFile>
 #include <QNetworkAccessManager>
+#include <QStandardPaths>
 #include <QCoro/QCoroTask>
 
 #include <cstdio>
@@ -118,12 +125,32 @@ int main(int argc, char **argv)
     WindowOpener opener;
     WindowOpener::setShared(&opener);
 
+    // Global shortcuts: X11 grabs; the desktop's own bindings are read against the
+    // current layout, and again when it changes.
+    X11HotKeyService keys;
+    if (!keys.problem().isEmpty())
+        log(keys.problem());
+    else if (qEnvironmentVariable("XDG_SESSION_TYPE") == QLatin1String("wayland"))
+        log(QStringLiteral("This is a Wayland session: global shortcuts work only while a window of an X11 "
+                           "application is active."));
+    SystemShortcuts system;
+    const auto readSystem = [&system, &keys] {
+        system.load(DesktopShortcuts::gnome(), DesktopShortcuts::kde(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)), keys);
+    };
+    readSystem();
+    QObject::connect(&keys, &X11HotKeyService::keymapChanged, readSystem);
+    HotKeys hotKeys(keys, [&system](const KeyCombo &combo) { return system.contains(combo); });
+    HotKeys::setShared(&hotKeys);
+    LinuxWorkspace workspace;
+    AppShortcuts appShortcuts(defaults, hotKeys, workspace);
+    AppShortcuts::setShared(&appShortcuts);
+
     SourceUpdater updater;
     Updates updates(clock, api, updater, [&model, &chat] { return chat.busy() || model.agentBusy(); },
                     QApplication::arguments(), Build::number());
     Updates::setShared(&updates);
 
-    AppDelegate delegate(clock, model, chat, notifier, opener, diagnostics, updates);
+    AppDelegate delegate(clock, model, chat, notifier, opener, appShortcuts, diagnostics, updates);
     QObject::connect(&model, &AppModel::setupWanted, &delegate, &AppDelegate::showSetup);
     QObject::connect(&model, &AppModel::childFailed, &diagnostics,
                      [&diagnostics](const QString &name, int status, bool signal, const QString &tail) {

@@ -7,6 +7,7 @@
 #include "diagnostics/Diagnostics.h"
 #include "install/Updates.h"
 #include "link/AppModel.h"
+#include "shortcuts/AppShortcuts.h"
 #include "notify/Notifier.h"
 
 #include <QPointer>
@@ -20,8 +21,9 @@ AppDelegate *g_shared = nullptr;
 }
 
 AppDelegate::AppDelegate(Clock &clock, AppModel &model, ChatModel &chat, Notifier &notifier, WindowOpener &opener,
-                         Diagnostics &diagnostics, Updates &updates, QObject *parent)
-    : QObject(parent), m_clock(clock), m_model(model), m_chat(chat), m_diagnostics(diagnostics), m_updates(updates)
+                         AppShortcuts &appShortcuts, Diagnostics &diagnostics, Updates &updates, QObject *parent)
+    : QObject(parent), m_clock(clock), m_model(model), m_chat(chat), m_appShortcuts(appShortcuts),
+      m_diagnostics(diagnostics), m_updates(updates)
 {
     g_shared = this;
     connectChat(model, chat, notifier, opener, this);
@@ -71,6 +73,7 @@ void AppDelegate::applicationDidFinishLaunching(const QStringList &arguments)
     m_model.startChildren();
     if (m_model.pairing().state == AppModel::Pairing::State::paired)
         m_chat.start();
+    m_appShortcuts.apply();
 
     // The setup guide comes with the permissions check; until then an unpaired
     // computer is told how to pair.

@@ -9,6 +9,7 @@
 namespace zuv {
 
 class AppModel;
+class AppShortcuts;
 class ChatModel;
 class Clock;
 class Notifier;
@@ -22,7 +23,7 @@ class AppDelegate : public QObject {
     Q_OBJECT
 public:
     AppDelegate(Clock &clock, AppModel &model, ChatModel &chat, Notifier &notifier, WindowOpener &opener,
-                Diagnostics &diagnostics, Updates &updates, QObject *parent = nullptr);
+                AppShortcuts &appShortcuts, Diagnostics &diagnostics, Updates &updates, QObject *parent = nullptr);
     ~AppDelegate() override;
 
     static AppDelegate *shared();
@@ -51,6 +52,7 @@ private:
     Clock &m_clock;
     AppModel &m_model;
     ChatModel &m_chat;
+    AppShortcuts &m_appShortcuts;
     Diagnostics &m_diagnostics;
     Updates &m_updates;
     Job m_minimumCheck;
