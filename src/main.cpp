@@ -34,6 +34,7 @@
 #include "shortcuts/AppShortcuts.h"
 #include "shortcuts/HotKeys.h"
 #include "shortcuts/SystemShortcuts.h"
+#include "shortcuts/views/AppShortcutsView.h"
 #include "settings/SettingsModel.h"
 #include "voice/Speaker.h"
 
@@ -42,6 +43,8 @@
 #include <QFile>
 #include <QNetworkAccessManager>
 #include <QStandardPaths>
+#include <QVBoxLayout>
+#include <QWidget>
 #include <QCoro/QCoroTask>
 
 #include <cstdio>
@@ -149,6 +152,21 @@ int main(int argc, char **argv)
     Updates updates(clock, api, updater, [&model, &chat] { return chat.busy() || model.agentBusy(); },
                     QApplication::arguments(), Build::number());
     Updates::setShared(&updates);
+
+    // Until the settings window comes, "--settings" opens the part of it that exists.
+    std::unique_ptr<QWidget> settingsWindow;
+    opener.settings = [&] {
+        if (!settingsWindow) {
+            settingsWindow = std::make_unique<QWidget>();
+            settingsWindow->setWindowTitle(QObject::tr("Zuv Settings"));
+            auto *layout = new QVBoxLayout(settingsWindow.get());
+            layout->addWidget(new AppShortcutsView(appShortcuts, hotKeys, keys, workspace));
+            settingsWindow->resize(560, 480);
+        }
+        settingsWindow->show();
+        settingsWindow->raise();
+        settingsWindow->activateWindow();
+    };
 
     AppDelegate delegate(clock, model, chat, notifier, opener, appShortcuts, diagnostics, updates);
     QObject::connect(&model, &AppModel::setupWanted, &delegate, &AppDelegate::showSetup);

@@ -22,7 +22,7 @@ AppDelegate *g_shared = nullptr;
 
 AppDelegate::AppDelegate(Clock &clock, AppModel &model, ChatModel &chat, Notifier &notifier, WindowOpener &opener,
                          AppShortcuts &appShortcuts, Diagnostics &diagnostics, Updates &updates, QObject *parent)
-    : QObject(parent), m_clock(clock), m_model(model), m_chat(chat), m_appShortcuts(appShortcuts),
+    : QObject(parent), m_clock(clock), m_model(model), m_chat(chat), m_appShortcuts(appShortcuts), m_opener(opener),
       m_diagnostics(diagnostics), m_updates(updates)
 {
     g_shared = this;
@@ -82,6 +82,13 @@ void AppDelegate::applicationDidFinishLaunching(const QStringList &arguments)
 
     if (has(arguments, QStringLiteral("--pair")))
         m_model.startPairing();
+    openSettingsIfAsked(arguments);
+}
+
+void AppDelegate::openSettingsIfAsked(const QStringList &arguments)
+{
+    if (has(arguments, QStringLiteral("--settings")) && m_opener.settings)
+        m_opener.settings();
 }
 
 QCoro::Task<void> AppDelegate::checkMinimumForever(CancelToken token)
@@ -110,6 +117,7 @@ void AppDelegate::open(const QStringList &arguments)
     AppModel::log(QStringLiteral("another launch handed over: ") + arguments.mid(1).join(QLatin1Char(' ')));
     if (has(arguments, QStringLiteral("--pair")))
         m_model.startPairing();
+    openSettingsIfAsked(arguments);
 }
 
 void AppDelegate::showSetup()

@@ -47,12 +47,14 @@ public:
 
 private:
     void logPairing();
+    void openSettingsIfAsked(const QStringList &arguments);
     QCoro::Task<void> checkMinimumForever(CancelToken token);
 
     Clock &m_clock;
     AppModel &m_model;
     ChatModel &m_chat;
     AppShortcuts &m_appShortcuts;
+    WindowOpener &m_opener;
     Diagnostics &m_diagnostics;
     Updates &m_updates;
     Job m_minimumCheck;

@@ -12,6 +12,13 @@ public:
     virtual ~Keyboard() = default;
     // The character of a key without modifiers in the current layout.
     virtual std::optional<QString> character(quint16 keyCode) const = 0;
+    // The stored key code of a key as the window system numbers it (an X key
+    // code, as Qt's native scan code gives it); none for a key without one.
+    virtual std::optional<quint32> storedKeyCode(quint32 nativeKey) const
+    {
+        Q_UNUSED(nativeKey);
+        return std::nullopt;
+    }
     // The first key code, from 0 to 127, whose character is exactly `text`.
     std::optional<quint16> keyCode(const QString &text) const
     {

@@ -44,6 +44,8 @@ void HotKeys::remove(quint32 id)
     m_live.erase(it);
 }
 
+QString HotKeys::problem() const { return m_service.problem(); }
+
 bool HotKeys::held(quint32 id) const
 {
     const auto it = m_live.find(id);

@@ -38,6 +38,8 @@ public:
     int suspended() const { return m_suspended; }
 
     bool isSystemShortcut(const KeyCombo &combo) const { return m_system && m_system(combo); }
+    // Why no global shortcut can work here, if so.
+    QString problem() const;
     // The server time of the last press, for asking the window manager to raise a window.
     quint32 lastPressTime() const { return m_lastPressTime; }
 

@@ -7,6 +7,7 @@
 #include "shortcuts/AppShortcuts.h"
 #include "shortcuts/HotKeys.h"
 
+#include "FakeWorkspace.h"
 #include "Support.h"
 
 #include <gtest/gtest.h>
@@ -16,6 +17,7 @@
 #include <set>
 
 using namespace zuv;
+using test::FakeWorkspace;
 
 namespace {
 
@@ -40,47 +42,6 @@ public:
     }
 };
 
-class FakeWorkspace final : public Workspace {
-public:
-    std::vector<App> apps{{"org.example.Editor.desktop", "Editor", "/apps/org.example.Editor.desktop", ""},
-                          {"org.example.Files.desktop", "Files", "/apps/org.example.Files.desktop", ""}};
-    std::optional<QString> front;
-    std::set<QString> running;
-    QStringList calls;
-    QString launchError;
-
-    std::optional<App> application(const QString &id) const override
-    {
-        for (const App &a : apps)
-            if (a.id == id)
-                return a;
-        return std::nullopt;
-    }
-    std::optional<App> applicationAt(const QString &path) const override
-    {
-        for (const App &a : apps)
-            if (a.path == path)
-                return a;
-        return std::nullopt;
-    }
-    std::vector<App> installed() const override { return apps; }
-    std::optional<QString> frontmost() const override { return front; }
-    bool activate(const QString &id, quint32 time) override
-    {
-        calls << QStringLiteral("activate %1 %2").arg(id).arg(time);
-        return running.count(id) != 0;
-    }
-    bool hide(const QString &id) override
-    {
-        calls << "hide " + id;
-        return true;
-    }
-    QString launch(const App &app, quint32 time) override
-    {
-        calls << QStringLiteral("launch %1 %2").arg(app.id).arg(time);
-        return launchError;
-    }
-};
 
 const KeyCombo superE{14, KeyCombo::command, "E"};
 const KeyCombo superF{3, KeyCombo::command, "F"};

@@ -354,3 +354,18 @@ std::optional<QString> X11HotKeyService::character(quint16 keyCode) const
 }
 
 } // namespace zuv
+
+namespace zuv {
+
+std::optional<quint32> X11HotKeyService::storedKeyCode(quint32 nativeKey) const
+{
+    if (!nativeKey)
+        return std::nullopt;
+    for (quint32 code = 0; code < 128; ++code) {
+        if (keyFor(code) == nativeKey)
+            return code;
+    }
+    return std::nullopt;
+}
+
+} // namespace zuv

@@ -33,6 +33,7 @@ public:
     void ungrab(quint32 id) override;
     QString problem() const override { return m_problem; }
     std::optional<QString> character(quint16 keyCode) const override;
+    std::optional<quint32> storedKeyCode(quint32 nativeKey) const override;
 
     // Delivers what the server has sent; a test calls it after acting on the display.
     void readEvents();

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "platform/Workspace.h"
+
+#include <QStringList>
+
+#include <set>
+
+namespace zuv::test {
+
+// Two applications, with what is in front and running set by the test, and the
+// calls it received in order.
+class FakeWorkspace final : public Workspace {
+public:
+    std::vector<App> apps{{"org.example.Editor.desktop", "Editor", "/apps/org.example.Editor.desktop", ""},
+                          {"org.example.Files.desktop", "Files", "/apps/org.example.Files.desktop", ""}};
+    std::optional<QString> front;
+    std::set<QString> running;
+    QStringList calls;
+    QString launchError;
+
+    std::optional<App> application(const QString &id) const override
+    {
+        for (const App &a : apps)
+            if (a.id == id)
+                return a;
+        return std::nullopt;
+    }
+    std::optional<App> applicationAt(const QString &path) const override
+    {
+        for (const App &a : apps)
+            if (a.path == path)
+                return a;
+        return std::nullopt;
+    }
+    std::vector<App> installed() const override { return apps; }
+    std::optional<QString> frontmost() const override { return front; }
+    bool activate(const QString &id, quint32 time) override
+    {
+        calls << QStringLiteral("activate %1 %2").arg(id).arg(time);
+        return running.count(id) != 0;
+    }
+    bool hide(const QString &id) override
+    {
+        calls << "hide " + id;
+        return true;
+    }
+    QString launch(const App &app, quint32 time) override
+    {
+        calls << QStringLiteral("launch %1 %2").arg(app.id).arg(time);
+        return launchError;
+    }
+};
+
+} // namespace zuv::test
