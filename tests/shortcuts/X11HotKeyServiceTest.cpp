@@ -17,6 +17,8 @@
 
 #include <csignal>
 
+#include <xcb/xcb.h>
+
 using namespace zuv;
 
 namespace {
@@ -29,6 +31,43 @@ bool run(const QString &program, const QStringList &arguments)
 }
 
 bool xdotool(const QStringList &arguments) { return run(QStringLiteral("xdotool"), arguments); }
+
+// Sees the client messages that go to the window manager through the root window.
+class RootSpy {
+public:
+    RootSpy() : m_connection(xcb_connect(nullptr, nullptr))
+    {
+        xcb_screen_t *screen = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data;
+        const quint32 mask = XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY;
+        xcb_change_window_attributes(m_connection, screen->root, XCB_CW_EVENT_MASK, &mask);
+        xcb_flush(m_connection);
+    }
+    ~RootSpy() { xcb_disconnect(m_connection); }
+    // The data of the last client message of this type seen so far.
+    std::optional<std::vector<quint32>> find(const char *type)
+    {
+        xcb_intern_atom_reply_t *atom =
+            xcb_intern_atom_reply(m_connection, xcb_intern_atom(m_connection, 0, quint16(strlen(type)), type), nullptr);
+        const xcb_atom_t wanted = atom ? atom->atom : XCB_ATOM_NONE;
+        std::free(atom);
+        while (xcb_generic_event_t *event = xcb_poll_for_event(m_connection)) {
+            if ((event->response_type & 0x7f) == XCB_CLIENT_MESSAGE) {
+                auto *message = reinterpret_cast<xcb_client_message_event_t *>(event);
+                m_seen.push_back({message->type, std::vector<quint32>(message->data.data32, message->data.data32 + 5)});
+            }
+            std::free(event);
+        }
+        std::optional<std::vector<quint32>> found;
+        for (const auto &[kind, data] : m_seen)
+            if (kind == wanted)
+                found = data;
+        return found;
+    }
+
+private:
+    xcb_connection_t *m_connection;
+    std::vector<std::pair<xcb_atom_t, std::vector<quint32>>> m_seen;
+};
 
 // Super+Shift+K, in stored numbers.
 const KeyCombo superShiftK{40, KeyCombo::command | KeyCombo::shift, "K"};
@@ -150,9 +189,30 @@ TEST(X11AppShortcuts, aShortcutOpensHidesAndBringsBackAnApplication)
     ASSERT_GT(pid, 0);
     ASSERT_TRUE(test::waitUntil([&] { return workspace.frontmost() == app; }, 10000)) << "the new window is in front";
 
+    // Another window in front: the press brings ours forward, asking as the person
+    // (source 2) with the key's own time, which a spy on the root window sees.
+    QProcess other;
+    other.start(QStringLiteral(ZUV_TEST_WINDOW), {home.file("other-environment"), QStringLiteral("Elsewhere")});
+    ASSERT_TRUE(other.waitForStarted());
+    ASSERT_TRUE(test::waitUntil([&] { return workspace.frontmost() != app; }, 10000));
+    RootSpy spy;
+    ASSERT_TRUE(xdotool({"key", "super+shift+l"}));
+    ASSERT_TRUE(test::waitUntil([&] { return workspace.frontmost() == app; }, 10000)) << "brought forward";
+    std::optional<std::vector<quint32>> request;
+    ASSERT_TRUE(test::waitUntil([&] { return (request = spy.find("_NET_ACTIVE_WINDOW")).has_value(); }));
+    EXPECT_EQ(request->at(0), 2u) << "source: the person";
+    EXPECT_EQ(request->at(1), keys.lastPressTime());
+    EXPECT_GT(request->at(1), 0u);
+
+    // In front: the press hides it, by asking the window manager to iconify it.
     ASSERT_TRUE(xdotool({"key", "super+shift+l"}));
     EXPECT_TRUE(test::waitUntil([&] { return workspace.frontmost() != app; }, 10000)) << "in front: hidden";
+    std::optional<std::vector<quint32>> iconify;
+    ASSERT_TRUE(test::waitUntil([&] { return (iconify = spy.find("WM_CHANGE_STATE")).has_value(); }));
+    EXPECT_EQ(iconify->at(0), 3u) << "IconicState";
     ASSERT_TRUE(xdotool({"key", "super+shift+l"}));
     EXPECT_TRUE(test::waitUntil([&] { return workspace.frontmost() == app; }, 10000)) << "brought back";
+    other.kill();
+    other.waitForFinished();
     ::kill(pid_t(pid), SIGTERM);
 }

@@ -1,5 +1,6 @@
 // A window for tests of app activation: it names itself ZuvTestApp, says its
-// pid, writes its environment to the file given, and lives until killed.
+// pid, writes its environment to the file given, and lives until killed. A
+// second argument gives it another class, so that it belongs to no entry.
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -33,8 +34,15 @@ int main(int argc, char **argv)
     xcb_window_t w = xcb_generate_id(c);
     xcb_create_window(c, XCB_COPY_FROM_PARENT, w, screen->root, 10, 10, 200, 100, 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
                       screen->root_visual, 0, NULL);
-    static const char wmClass[] = "zuvtestapp\0ZuvTestApp";
-    xcb_change_property(c, XCB_PROP_MODE_REPLACE, w, XCB_ATOM_WM_CLASS, XCB_ATOM_STRING, 8, sizeof wmClass, wmClass);
+    char wmClass[256] = "zuvtestapp\0ZuvTestApp";
+    size_t classSize = sizeof "zuvtestapp\0ZuvTestApp";
+    if (argc > 2 && strlen(argv[2]) < 120) {
+        const size_t n = strlen(argv[2]);
+        memcpy(wmClass, argv[2], n + 1);
+        memcpy(wmClass + n + 1, argv[2], n + 1);
+        classSize = 2 * (n + 1);
+    }
+    xcb_change_property(c, XCB_PROP_MODE_REPLACE, w, XCB_ATOM_WM_CLASS, XCB_ATOM_STRING, 8, (uint32_t)classSize, wmClass);
     uint32_t pid = (uint32_t)getpid();
     xcb_change_property(c, XCB_PROP_MODE_REPLACE, w, atom(c, "_NET_WM_PID"), XCB_ATOM_CARDINAL, 32, 1, &pid);
     xcb_change_property(c, XCB_PROP_MODE_REPLACE, w, XCB_ATOM_WM_NAME, XCB_ATOM_STRING, 8, 8, "Test app");
