@@ -1,0 +1,43 @@
+#pragma once
+
+#include <QString>
+
+#include <functional>
+#include <optional>
+#include <utility>
+#include <vector>
+
+namespace zuv {
+
+// Searching the history's titles: what the eye sees is what is searched. Ranges
+// are half-open, in the title's UTF-16 positions, as a view highlights them.
+namespace ClipSearch {
+
+using Range = std::pair<qsizetype, qsizetype>;
+
+struct Match {
+    size_t index = 0; // position of the clip in the list searched
+    std::vector<Range> ranges;
+    bool operator==(const Match &) const = default;
+};
+
+struct Fuzzy {
+    qint64 score = 0; // characters skipped before the last match; lower is better
+    std::vector<Range> ranges;
+};
+
+// The query's characters in order, gaps allowed, greedy from the left, with
+// blanks in the query ignored and case folded.
+std::optional<Fuzzy> fuzzy(const QString &query, const QString &text);
+
+// `mode` is the "clip-search" setting: "exact", "fuzzy", "regex" or "mixed";
+// anything else is "exact". `titles` are the clips' titles in list order.
+std::vector<Match> search(const QString &query, const QString &mode, const std::vector<QString> &titles);
+
+// A pattern bounded in the work one match may take, so that a catastrophic
+// expression costs a bounded time per title instead of hanging the panel.
+QString bounded(const QString &pattern);
+
+} // namespace ClipSearch
+
+} // namespace zuv

@@ -1,0 +1,81 @@
+// Searching titles in each mode, with the fuzzy matcher's scoring.
+#include "clipboard/ClipSearch.h"
+
+#include <gtest/gtest.h>
+
+#include <QElapsedTimer>
+
+using namespace zuv;
+using namespace zuv::ClipSearch;
+
+namespace {
+
+std::vector<size_t> indices(const std::vector<Match> &matches)
+{
+    std::vector<size_t> out;
+    for (const Match &m : matches)
+        out.push_back(m.index);
+    return out;
+}
+
+} // namespace
+
+TEST(ClipSearch, theFuzzyMatcherScoresSkippedCharacters)
+{
+    EXPECT_EQ(fuzzy("ab", "a b")->score, 1);
+    EXPECT_EQ(fuzzy("ab", "ab")->score, 0);
+    EXPECT_EQ(fuzzy("ab", "xaby")->score, 1) << "the skipped x counts";
+    EXPECT_FALSE(fuzzy("ba", "ab"));
+    EXPECT_EQ(fuzzy("a b", "ab")->score, 0) << "blanks in the query are dropped";
+    EXPECT_FALSE(fuzzy("   ", "ab"));
+    const auto baab = fuzzy("aa", "baab");
+    EXPECT_EQ(baab->score, 1);
+    EXPECT_EQ(baab->ranges, (std::vector<Range>{{1, 3}}));
+    const auto abab = fuzzy("aa", "abab");
+    EXPECT_EQ(abab->score, 1);
+    EXPECT_EQ(abab->ranges, (std::vector<Range>{{0, 1}, {2, 3}}));
+    EXPECT_EQ(fuzzy("AB", "xAxb")->score, 2) << "case folded on both sides";
+    const auto emoji = fuzzy("😀b", "a😀b");
+    EXPECT_EQ(emoji->score, 1) << "a pair of surrogates is one character";
+    EXPECT_EQ(emoji->ranges, (std::vector<Range>{{1, 4}}));
+    EXPECT_EQ(fuzzy("x", QString(1000, 'a') + "x")->score, 1000);
+}
+
+TEST(ClipSearch, eachModeFindsWhatItShouldInListOrder)
+{
+    const std::vector<QString> titles{"Pinned ABC", "notes abc", "", "xaby", "a(b", "x(zy"};
+    for (const char *mode : {"exact", "fuzzy", "regex", "mixed", "nonsense"}) {
+        const auto all = ClipSearch::search("", mode, titles);
+        ASSERT_EQ(all.size(), titles.size()) << mode;
+        EXPECT_TRUE(all[2].ranges.empty());
+    }
+    const auto exact = ClipSearch::search("abc", "exact", titles);
+    EXPECT_EQ(indices(exact), (std::vector<size_t>{0, 1}));
+    EXPECT_EQ(exact[0].ranges, (std::vector<Range>{{7, 10}}));
+    EXPECT_EQ(indices(ClipSearch::search("abc", "nonsense", titles)), (std::vector<size_t>{0, 1}));
+    EXPECT_EQ(indices(ClipSearch::search(" ", "exact", titles)), (std::vector<size_t>{0, 1})) << "a blank is a real query";
+    EXPECT_TRUE(ClipSearch::search(" ", "fuzzy", titles).empty());
+
+    EXPECT_EQ(indices(ClipSearch::search("abc", "regex", titles)), std::vector<size_t>{1}) << "regex is case-sensitive";
+    EXPECT_EQ(ClipSearch::search("n.t", "regex", titles)[0].ranges, (std::vector<Range>{{0, 3}}));
+    EXPECT_TRUE(ClipSearch::search("(", "regex", titles).empty());
+    EXPECT_EQ(indices(ClipSearch::search("ABC", "mixed", titles)), (std::vector<size_t>{0, 1})) << "exact first";
+    EXPECT_EQ(indices(ClipSearch::search("^x.b", "mixed", titles)), std::vector<size_t>{3}) << "then regex";
+    EXPECT_EQ(indices(ClipSearch::search("(b", "mixed", titles)), std::vector<size_t>{4}) << "exact finds a(b before the regex fails";
+    EXPECT_EQ(indices(ClipSearch::search("x(y", "mixed", titles)), std::vector<size_t>{5}) << "no regex: fuzzy";
+
+    // Fuzzy results by score, ties in list order.
+    const auto ranked = ClipSearch::search("ab", "fuzzy", {"a...b", "ab", "xab", "zab"});
+    EXPECT_EQ(indices(ranked), (std::vector<size_t>{1, 2, 3, 0}));
+}
+
+TEST(ClipSearch, aCatastrophicExpressionStaysBounded)
+{
+    std::vector<QString> titles(200, QString(1000, 'a') + "!");
+    QElapsedTimer timer;
+    timer.start();
+    EXPECT_TRUE(ClipSearch::search("(a+)+$", "regex", titles).empty());
+    EXPECT_TRUE(ClipSearch::search("(a|a)*b", "mixed", titles).empty());
+    // Unbounded, one title alone would take longer than the age of the universe.
+    EXPECT_LT(timer.elapsed(), 60000);
+}
