@@ -49,14 +49,14 @@ std::optional<QString> lookUp(const std::array<std::pair<quint32, const char *>,
 QString shown(const QString &key)
 {
     static const std::array<std::pair<const char *, const char *>, 8> words{{
-        {"\u21a9", "Return"},
-        {"\u21e5", "Tab"},
-        {"\u232b", "Backspace"},
-        {"\u2326", "Delete"},
-        {"\u2196", "Home"},
-        {"\u2198", "End"},
-        {"\u21de", "Page Up"},
-        {"\u21df", "Page Down"},
+        {"\u21a9", QT_TRANSLATE_NOOP("KeyCombo", "Return")},
+        {"\u21e5", QT_TRANSLATE_NOOP("KeyCombo", "Tab")},
+        {"\u232b", QT_TRANSLATE_NOOP("KeyCombo", "Backspace")},
+        {"\u2326", QT_TRANSLATE_NOOP("KeyCombo", "Delete")},
+        {"\u2196", QT_TRANSLATE_NOOP("KeyCombo", "Home")},
+        {"\u2198", QT_TRANSLATE_NOOP("KeyCombo", "End")},
+        {"\u21de", QT_TRANSLATE_NOOP("KeyCombo", "Page Up")},
+        {"\u21df", QT_TRANSLATE_NOOP("KeyCombo", "Page Down")},
     }};
     for (const auto &[glyph, word] : words) {
         if (key == QString::fromUtf8(glyph))
