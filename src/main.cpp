@@ -133,9 +133,6 @@ int main(int argc, char **argv)
     X11HotKeyService keys;
     if (!keys.problem().isEmpty())
         log(keys.problem());
-    else if (qEnvironmentVariable("XDG_SESSION_TYPE") == QLatin1String("wayland"))
-        log(QStringLiteral("This is a Wayland session: global shortcuts work only while a window of an X11 "
-                           "application is active."));
     SystemShortcuts system;
     const auto readSystem = [&system, &keys] {
         system.load(DesktopShortcuts::gnome(), DesktopShortcuts::kde(QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation)), keys);

@@ -17,7 +17,7 @@ public:
     // the key is not on this keyboard); then nothing of it stays grabbed.
     virtual bool grab(quint32 id, quint32 keyCode, quint32 modifiers) = 0;
     virtual void ungrab(quint32 id) = 0;
-    // Why there are no global shortcuts at all (no X11 display), if so.
+    // Why global shortcuts do not work, or not everywhere, if so.
     virtual QString problem() const = 0;
 
 signals:

@@ -14,6 +14,7 @@ int main(int argc, char **argv)
         QDir().mkpath(folder);
         qputenv(name, folder.toUtf8());
     }
+    qunsetenv("XDG_SESSION_TYPE"); // whatever the developer's session, the tests' display is Xvfb
     ::testing::InitGoogleTest(&argc, argv);
     QCoreApplication app(argc, argv);
     return RUN_ALL_TESTS();

@@ -15,6 +15,7 @@ int main(int argc, char **argv)
         qputenv(name, folder.toUtf8());
     }
     qputenv("QT_QPA_PLATFORM", "offscreen");
+    qunsetenv("XDG_SESSION_TYPE"); // whatever the developer's session, the tests' display is Xvfb
     ::testing::InitGoogleTest(&argc, argv);
     QApplication app(argc, argv);
     return RUN_ALL_TESTS();

@@ -96,6 +96,11 @@ X11HotKeyService::X11HotKeyService(const QByteArray &display, QObject *parent) :
     m_reload->setSingleShot(true);
     m_reload->setInterval(20);
     connect(m_reload, &QTimer::timeout, this, &X11HotKeyService::reloadKeymap);
+    // Through XWayland the grabs are taken, but the compositor hands keys to X11
+    // clients only while one of their windows is active.
+    if (qEnvironmentVariable("XDG_SESSION_TYPE") == QLatin1String("wayland"))
+        m_problem = tr("This is a Wayland session: global shortcuts work only while a window of an X11 "
+                       "application is active.");
 }
 
 X11HotKeyService::~X11HotKeyService()

@@ -30,6 +30,7 @@ public:
     ~X11HotKeyService() override;
 
     bool grab(quint32 id, quint32 keyCode, quint32 modifiers) override;
+    // Also says when a Wayland session keeps the grabs from working everywhere.
     void ungrab(quint32 id) override;
     QString problem() const override { return m_problem; }
     std::optional<QString> character(quint16 keyCode) const override;
