@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <QElapsedTimer>
 
 using namespace zuv;
 using namespace zuv::ClipSearch;
@@ -72,10 +71,7 @@ TEST(ClipSearch, eachModeFindsWhatItShouldInListOrder)
 TEST(ClipSearch, aCatastrophicExpressionStaysBounded)
 {
     std::vector<QString> titles(200, QString(1000, 'a') + "!");
-    QElapsedTimer timer;
-    timer.start();
     EXPECT_TRUE(ClipSearch::search("(a+)+$", "regex", titles).empty());
     EXPECT_TRUE(ClipSearch::search("(a|a)*b", "mixed", titles).empty());
-    // Unbounded, one title alone would take longer than the age of the universe.
-    EXPECT_LT(timer.elapsed(), 60000);
+    // Unbounded, one title alone would outlast the test's time-out by far.
 }
