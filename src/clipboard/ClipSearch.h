@@ -27,12 +27,19 @@ struct Fuzzy {
 };
 
 // The query's characters in order, gaps allowed, greedy from the left, with
-// blanks in the query ignored and case folded.
+// blanks in the query ignored and case folded. `text` is a folded title.
 std::optional<Fuzzy> fuzzy(const QString &query, const QString &text);
 
+// The form of a title that case-insensitive matching compares: case folded,
+// position for position the same as the title. The history keeps it with each
+// title, so that a keystroke's search folds nothing but the query.
+QString folded(const QString &title);
+
 // `mode` is the "clip-search" setting: "exact", "fuzzy", "regex" or "mixed";
-// anything else is "exact". `titles` are the clips' titles in list order.
-std::vector<Match> search(const QString &query, const QString &mode, const std::vector<QString> &titles);
+// anything else is "exact". `titles` are the clips' titles in list order and
+// `foldedTitles` the same through folded().
+std::vector<Match> search(const QString &query, const QString &mode, const std::vector<QString> &titles,
+                          const std::vector<QString> &foldedTitles);
 
 // A pattern bounded in the work one match may take, so that a catastrophic
 // expression costs a bounded time per title instead of hanging the panel.

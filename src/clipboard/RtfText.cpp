@@ -162,6 +162,7 @@ QString plain(const QByteArray &rtf)
         }
         if (word == "u" && hasParameter) {
             const long unit = parameter < 0 ? parameter + 65536 : parameter;
+            pendingFallback = 0; // its own character is never another's fallback
             put(QChar(char16_t(unit & 0xffff)));
             pendingFallback = std::min(group.fallback, 16);
         } else if (word == "uc" && hasParameter) {

@@ -18,6 +18,7 @@ TEST(RtfText, textBreaksAndEscapesComeThroughAndTheRestStaysOut)
     EXPECT_EQ(RtfText::plain(document),
               QString::fromUtf8("Café costs € 5\nSecond\tline\nend {braces} and \\ backlink€€😀!"));
     EXPECT_EQ(RtfText::plain("{\\rtf1 a\\emdash b\\~c\\ldblquote d\\rdblquote}"), QString::fromUtf8("a—b\u00a0c“d”"));
+    EXPECT_EQ(RtfText::plain("\\uc1\\u65\\u66?x"), "ABx") << "a \\u is never the fallback of the one before";
 }
 
 TEST(RtfText, brokenAndHostileInputEndsQuicklyWithoutACrash)
