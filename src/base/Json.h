@@ -191,6 +191,24 @@ Lenient<T> lenient(const QJsonObject &object, const QString &key)
     return Decoder<Lenient<T>>::decode(object.value(key));
 }
 
+// A key as a template argument: Field<std::vector<Entry>, "entries">.
+template<size_t N>
+struct Key {
+    char name[N];
+    constexpr Key(const char (&text)[N])
+    {
+        for (size_t i = 0; i < N; ++i)
+            name[i] = text[i];
+    }
+};
+
+// A reply that is one required field, as many of the hub's replies are.
+template<class T, Key K>
+struct Field {
+    T value;
+    static Field fromJson(const QJsonObject &object) { return {required<T>(object, QString::fromLatin1(K.name))}; }
+};
+
 // Decodes a whole reply body as T.
 template<class T>
 T decodeBody(const QByteArray &body)

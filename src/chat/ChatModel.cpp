@@ -232,6 +232,27 @@ QCoro::Task<void> ChatModel::reloadSessionsAndPermissions()
     co_await reloadPermissions();
 }
 
+bool ChatModel::gone(const MacAPI::Failure &failure)
+{
+    return failure.kind() == MacAPI::Failure::Kind::http && failure.status() == 404
+        && (failure.code() == QLatin1String("SESSION_GONE") || failure.code() == QLatin1String("DEVICE_NOT_FOUND"));
+}
+
+QCoro::Task<std::optional<QString>> ChatModel::write(QString path, QString method, std::optional<QJsonValue> body,
+                                                     bool goneIsDone)
+{
+    std::optional<QString> failure;
+    try {
+        co_await m_api.call<MacAPI::Ignored>(std::move(path), std::move(method), std::move(body), 60, m_lifetime);
+    } catch (const MacAPI::Failure &f) {
+        if (!(goneIsDone && gone(f)))
+            failure = f.localizedDescription();
+    } catch (const std::exception &e) {
+        failure = describe(e);
+    }
+    co_return failure;
+}
+
 void ChatModel::setLive(bool live)
 {
     if (m_live == live)

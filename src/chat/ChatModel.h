@@ -191,6 +191,12 @@ private:
     void stopWaiting(const QString &conversation);
     void setLive(bool live);
     void setError(const QString &text);
+    // A write whose reply nobody reads: the failure's text, or none when the hub
+    // took it. With `goneIsDone`, a session or computer already gone counts as done.
+    QCoro::Task<std::optional<QString>> write(QString path, QString method, std::optional<QJsonValue> body,
+                                              bool goneIsDone = false);
+    // The hub's 404 for a session or computer that no longer exists.
+    static bool gone(const MacAPI::Failure &failure);
 
     void sessionsDidChange(); // the documented sessionsChanged() operation
     void storeSeen();

@@ -16,29 +16,9 @@ namespace zuv {
 
 namespace {
 
-struct ConversationsReply {
-    std::vector<Conversation> conversations;
-    static ConversationsReply fromJson(const QJsonObject &o)
-    {
-        return {json::required<std::vector<Conversation>>(o, QStringLiteral("conversations"))};
-    }
-};
-
-struct HistoryReply {
-    std::vector<Entry> entries;
-    static HistoryReply fromJson(const QJsonObject &o)
-    {
-        return {json::required<std::vector<Entry>>(o, QStringLiteral("entries"))};
-    }
-};
-
-struct SearchReply {
-    std::vector<ArchivedMessage> results;
-    static SearchReply fromJson(const QJsonObject &o)
-    {
-        return {json::required<std::vector<ArchivedMessage>>(o, QStringLiteral("results"))};
-    }
-};
+using ConversationsReply = json::Field<std::vector<Conversation>, "conversations">;
+using HistoryReply = json::Field<std::vector<Entry>, "entries">;
+using SearchReply = json::Field<std::vector<ArchivedMessage>, "results">;
 
 } // namespace
 
@@ -85,7 +65,7 @@ QCoro::Task<void> ChatModel::reloadConversations(bool quiet)
     std::optional<QString> failure;
     std::vector<Conversation> list;
     try {
-        list = (co_await m_api.get<ConversationsReply>(QStringLiteral("/app/conversations"), m_lifetime)).conversations;
+        list = (co_await m_api.get<ConversationsReply>(QStringLiteral("/app/conversations"), m_lifetime)).value;
     } catch (const std::exception &e) {
         failure = describe(e);
     }
@@ -174,7 +154,7 @@ QCoro::Task<void> ChatModel::refresh(QString id)
         emit loadFailedChanged();
 
     // Merged with what the list holds now, after the wait: frames may have landed meanwhile.
-    std::vector<Entry> fetched = std::move(reply->entries);
+    std::vector<Entry> fetched = std::move(reply->value);
     const double lastAt = fetched.empty() ? 0 : fetched.back().at;
     const bool lastFromAssistant = !fetched.empty() && fetched.back().role != QLatin1String("user");
     QSet<QString> fetchedIds;
@@ -254,13 +234,8 @@ QCoro::Task<void> ChatModel::rename(QString id, QString text)
     // Built outside the co_await: GCC 12 rejects an initializer list inside one.
     QJsonObject body;
     body.insert(QStringLiteral("title"), title);
-    std::optional<QString> failure;
-    try {
-        co_await m_api.call<MacAPI::Ignored>(QStringLiteral("/app/conversations/") + id, QStringLiteral("PATCH"), body,
-                                             60, m_lifetime);
-    } catch (const std::exception &e) {
-        failure = describe(e);
-    }
+    const std::optional<QString> failure =
+        co_await write(QStringLiteral("/app/conversations/") + id, QStringLiteral("PATCH"), body);
     if (self && failure && !m_lifetime.isCancelled())
         setError(*failure); // the local title stays until the next reload
 }
@@ -285,13 +260,8 @@ QCoro::Task<void> ChatModel::deleteConversation(QString id)
 {
     QPointer<ChatModel> self(this);
     forget(id);
-    std::optional<QString> failure;
-    try {
-        co_await m_api.call<MacAPI::Ignored>(QStringLiteral("/app/conversations/") + id, QStringLiteral("DELETE"),
-                                             std::nullopt, 60, m_lifetime);
-    } catch (const std::exception &e) {
-        failure = describe(e);
-    }
+    const std::optional<QString> failure =
+        co_await write(QStringLiteral("/app/conversations/") + id, QStringLiteral("DELETE"), std::nullopt);
     if (self && failure && !m_lifetime.isCancelled())
         setError(*failure); // nothing is restored
 }
@@ -320,7 +290,7 @@ QCoro::Task<std::vector<ArchivedMessage>> ChatModel::search(QString query)
         const auto reply = co_await m_api.get<std::optional<SearchReply>>(
             QStringLiteral("/app/search?q=") + encoded + QStringLiteral("&limit=30"), m_lifetime);
         if (reply)
-            results = reply->results;
+            results = reply->value;
     } catch (const std::exception &) {
         results.clear();
     }

@@ -20,21 +20,8 @@ namespace zuv {
 
 namespace {
 
-struct SessionsReply {
-    std::vector<CcSession> sessions;
-    static SessionsReply fromJson(const QJsonObject &o)
-    {
-        return {json::required<std::vector<CcSession>>(o, QStringLiteral("sessions"))};
-    }
-};
-
-struct PermissionsReply {
-    std::vector<CcPermission> permissions;
-    static PermissionsReply fromJson(const QJsonObject &o)
-    {
-        return {json::required<std::vector<CcPermission>>(o, QStringLiteral("permissions"))};
-    }
-};
+using SessionsReply = json::Field<std::vector<CcSession>, "sessions">;
+using PermissionsReply = json::Field<std::vector<CcPermission>, "permissions">;
 
 struct DetailReply {
     std::vector<CcItem> items;
@@ -47,14 +34,8 @@ struct DetailReply {
     }
 };
 
-struct NewReply {
-    QString id;
-    static NewReply fromJson(const QJsonObject &o)
-    {
-        const auto result = json::required<QJsonObject>(o, QStringLiteral("result"));
-        return {json::required<QString>(result, QStringLiteral("id"))};
-    }
-};
+// {"result": {"id": …}}
+using NewReply = json::Field<json::Field<QString, "id">, "result">;
 
 struct TerminalReply {
     std::optional<QString> app;
@@ -64,18 +45,6 @@ struct TerminalReply {
         return {result ? json::optional<QString>(*result, QStringLiteral("app")) : std::nullopt};
     }
 };
-
-template<class T>
-struct Result {
-    T result;
-    static Result fromJson(const QJsonObject &o) { return {json::required<T>(o, QStringLiteral("result"))}; }
-};
-
-bool gone(const MacAPI::Failure &failure)
-{
-    return failure.kind() == MacAPI::Failure::Kind::http && failure.status() == 404
-        && (failure.code() == QLatin1String("SESSION_GONE") || failure.code() == QLatin1String("DEVICE_NOT_FOUND"));
-}
 
 // Percent-encoded with nothing but letters and digits left as they are.
 QString alphanumeric(const QString &value)
@@ -136,7 +105,7 @@ QCoro::Task<void> ChatModel::reloadSessions()
         if (!self || m_lifetime.isCancelled())
             co_return;
         if (reply) {
-            m_sessions = std::move(reply->sessions);
+            m_sessions = std::move(reply->value);
             m_sessionsLoaded = true;
             break;
         }
@@ -231,7 +200,7 @@ QCoro::Task<std::optional<QString>> ChatModel::newSession(QString cwd, QString p
     std::optional<QString> failure;
     try {
         id = (co_await m_api.call<NewReply>(QStringLiteral("/app/cc/new"), QStringLiteral("POST"), body, 60,
-                                            m_lifetime)).id;
+                                            m_lifetime)).value.value;
     } catch (const std::exception &e) {
         failure = describe(e);
     }
@@ -249,14 +218,18 @@ QCoro::Task<bool> ChatModel::reply(QString text, std::vector<OutgoingFile> files
 {
     QPointer<ChatModel> self(this);
     std::optional<QString> failure;
+    QJsonArray uploaded;
     try {
-        QJsonArray uploaded;
         for (const OutgoingFile &f : files) {
             const Entry::File done = co_await m_api.upload(f.path, f.name, f.mime, m_lifetime);
             if (!self)
                 co_return false;
             uploaded.append(done.toJson());
         }
+    } catch (const std::exception &e) {
+        failure = describe(e);
+    }
+    if (!failure) {
         QJsonObject body;
         body.insert(QStringLiteral("id"), id);
         body.insert(QStringLiteral("text"), text);
@@ -264,10 +237,7 @@ QCoro::Task<bool> ChatModel::reply(QString text, std::vector<OutgoingFile> files
             body.insert(QStringLiteral("device"), *d);
         if (!uploaded.isEmpty())
             body.insert(QStringLiteral("files"), uploaded);
-        co_await m_api.call<MacAPI::Ignored>(QStringLiteral("/app/cc/reply"), QStringLiteral("POST"), body, 60,
-                                             m_lifetime);
-    } catch (const std::exception &e) {
-        failure = describe(e);
+        failure = co_await write(QStringLiteral("/app/cc/reply"), QStringLiteral("POST"), body);
     }
     if (!self || m_lifetime.isCancelled())
         co_return false;
@@ -303,16 +273,9 @@ void ChatModel::stopSession(const QString &id)
 QCoro::Task<bool> ChatModel::removeSession(QString id)
 {
     QPointer<ChatModel> self(this);
-    std::optional<QString> failure;
-    try {
-        co_await m_api.call<MacAPI::Ignored>(QStringLiteral("/app/cc/remove"), QStringLiteral("POST"),
-                                             idAndDevice(id, device(id)), 60, m_lifetime);
-    } catch (const MacAPI::Failure &f) {
-        if (!gone(f))
-            failure = f.localizedDescription();
-    } catch (const std::exception &e) {
-        failure = describe(e);
-    }
+    // A session or computer that is gone already is removed all the same.
+    const std::optional<QString> failure =
+        co_await write(QStringLiteral("/app/cc/remove"), QStringLiteral("POST"), idAndDevice(id, device(id)), true);
     if (!self || m_lifetime.isCancelled())
         co_return false;
     if (failure) {
@@ -337,9 +300,9 @@ QCoro::Task<QString> ChatModel::openInTerminal(QString id)
 
 QCoro::Task<CcChanges> ChatModel::changes(QString id)
 {
-    const auto reply = co_await m_api.get<Result<CcChanges>>(QStringLiteral("/app/cc/changes?id=") + id + deviceQuery(id),
+    const auto reply = co_await m_api.get<json::Field<CcChanges, "result">>(QStringLiteral("/app/cc/changes?id=") + id + deviceQuery(id),
                                                              m_lifetime);
-    co_return reply.result;
+    co_return reply.value;
 }
 
 QCoro::Task<std::vector<CcProject>> ChatModel::projects(std::optional<QString> device)
@@ -347,8 +310,8 @@ QCoro::Task<std::vector<CcProject>> ChatModel::projects(std::optional<QString> d
     QString path = QStringLiteral("/app/cc/projects");
     if (device)
         path += QStringLiteral("?device=") + alphanumeric(*device);
-    const auto reply = co_await m_api.get<Result<std::vector<CcProject>>>(path, m_lifetime);
-    co_return reply.result;
+    const auto reply = co_await m_api.get<json::Field<std::vector<CcProject>, "result">>(path, m_lifetime);
+    co_return reply.value;
 }
 
 // --- Tool requests
@@ -366,7 +329,7 @@ QCoro::Task<void> ChatModel::reloadPermissions()
         co_return;
     if (reply) {
         m_permissions.clear();
-        for (CcPermission &p : reply->permissions) {
+        for (CcPermission &p : reply->value) {
             if (p.status == QLatin1String("pending"))
                 m_permissions.push_back(std::move(p));
         }
@@ -380,13 +343,7 @@ QCoro::Task<void> ChatModel::answer(QString id, bool allow)
     QJsonObject body;
     body.insert(QStringLiteral("id"), id);
     body.insert(QStringLiteral("allow"), allow);
-    std::optional<QString> failure;
-    try {
-        co_await m_api.call<MacAPI::Ignored>(QStringLiteral("/app/cc/permission"), QStringLiteral("POST"), body, 60,
-                                             m_lifetime);
-    } catch (const std::exception &e) {
-        failure = describe(e);
-    }
+    const std::optional<QString> failure = co_await write(QStringLiteral("/app/cc/permission"), QStringLiteral("POST"), body);
     if (!self || m_lifetime.isCancelled())
         co_return;
     if (failure)
