@@ -130,7 +130,7 @@ int main(int argc, char **argv)
 
     // Global shortcuts: X11 grabs; the desktop's own bindings are read against the
     // current layout, and again when it changes.
-    X11HotKeyService keys;
+    X11HotKeyService keys(clock);
     if (!keys.problem().isEmpty())
         log(keys.problem());
     SystemShortcuts system;

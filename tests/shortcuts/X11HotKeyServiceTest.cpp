@@ -2,6 +2,7 @@
 // test, so that nothing else on the display grabs or changes the layout meanwhile.
 #include "base/Defaults.h"
 #include "platform/linux/LinuxWorkspace.h"
+#include "platform/linux/RealClock.h"
 #include "platform/linux/X11HotKeyService.h"
 #include "shortcuts/AppShortcuts.h"
 #include "shortcuts/HotKeys.h"
@@ -17,7 +18,7 @@
 
 #include <csignal>
 
-#include <xcb/xcb.h>
+#include "platform/linux/Xcb.h"
 
 using namespace zuv;
 
@@ -46,10 +47,7 @@ public:
     // The data of the last client message of this type seen so far.
     std::optional<std::vector<quint32>> find(const char *type)
     {
-        xcb_intern_atom_reply_t *atom =
-            xcb_intern_atom_reply(m_connection, xcb_intern_atom(m_connection, 0, quint16(strlen(type)), type), nullptr);
-        const xcb_atom_t wanted = atom ? atom->atom : XCB_ATOM_NONE;
-        std::free(atom);
+        const xcb_atom_t wanted = xcb::atom(m_connection, type);
         while (xcb_generic_event_t *event = xcb_poll_for_event(m_connection)) {
             if ((event->response_type & 0x7f) == XCB_CLIENT_MESSAGE) {
                 auto *message = reinterpret_cast<xcb_client_message_event_t *>(event);
@@ -76,8 +74,9 @@ const KeyCombo superShiftK{40, KeyCombo::command | KeyCombo::shift, "K"};
 
 TEST(X11HotKeys, grabsFireOnceWithAnyLockKeysAreRefusedWhenTakenAndFollowTheLayout)
 {
+    RealClock clock; // the real keyboard settles in real time
     ASSERT_FALSE(qEnvironmentVariableIsEmpty("DISPLAY")) << "the tests run inside scripts/desktop-session";
-    X11HotKeyService service;
+    X11HotKeyService service(clock);
     ASSERT_TRUE(service.problem().isEmpty()) << service.problem().toStdString();
     HotKeys keys(service);
     int presses = 0;
@@ -103,12 +102,12 @@ TEST(X11HotKeys, grabsFireOnceWithAnyLockKeysAreRefusedWhenTakenAndFollowTheLayo
     EXPECT_EQ(presses, before + 1);
 
     // Another program holds the combo: a refusal, and none of its variants stay ours.
-    X11HotKeyService other;
+    X11HotKeyService other(clock);
     const KeyCombo ctrlAltJ{38, KeyCombo::control | KeyCombo::option, "J"};
     ASSERT_TRUE(other.grab(1, ctrlAltJ.keyCode, ctrlAltJ.modifiers));
     EXPECT_FALSE(keys.add(ctrlAltJ, [] {}));
     other.ungrab(1);
-    X11HotKeyService third;
+    X11HotKeyService third(clock);
     EXPECT_TRUE(third.grab(1, ctrlAltJ.keyCode, ctrlAltJ.modifiers)) << "a refused combo leaves no grab behind";
     third.ungrab(1);
     EXPECT_FALSE(keys.add({2, KeyCombo::command, "D"}, [] {})) << "openbox's own Super+D";
@@ -149,7 +148,8 @@ TEST(X11HotKeys, grabsFireOnceWithAnyLockKeysAreRefusedWhenTakenAndFollowTheLayo
 
 TEST(X11HotKeys, withoutADisplayThereAreNoShortcutsAndSaysWhy)
 {
-    X11HotKeyService service(":9999");
+    RealClock clock; // the real keyboard settles in real time
+    X11HotKeyService service(clock, ":9999");
     EXPECT_FALSE(service.problem().isEmpty());
     EXPECT_FALSE(service.grab(1, 40, 256));
     EXPECT_FALSE(service.character(0));
@@ -160,6 +160,7 @@ TEST(X11HotKeys, withoutADisplayThereAreNoShortcutsAndSaysWhy)
 // hides it when it is in front, and brings it back.
 TEST(X11AppShortcuts, aShortcutOpensHidesAndBringsBackAnApplication)
 {
+    RealClock clock; // the real keyboard settles in real time
     test::TempHome home;
     const QString apps = qEnvironmentVariable("XDG_DATA_HOME") + QStringLiteral("/applications");
     QDir().mkpath(apps);
@@ -168,7 +169,7 @@ TEST(X11AppShortcuts, aShortcutOpensHidesAndBringsBackAnApplication)
     // Written before GIO first looks, so that its list of entries holds it.
     test::writeText(entry, "[Desktop Entry]\nType=Application\nName=Test App\nExec=" ZUV_TEST_WINDOW " "
                                + environment.toUtf8() + "\nStartupWMClass=ZuvTestApp\nStartupNotify=true\n");
-    X11HotKeyService service;
+    X11HotKeyService service(clock);
     HotKeys keys(service);
     LinuxWorkspace workspace;
     Defaults defaults(home.file("defaults.json"));

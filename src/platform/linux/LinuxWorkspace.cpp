@@ -4,7 +4,7 @@
 #include <QFile>
 #include <QFileInfo>
 
-#include <xcb/xcb.h>
+#include "platform/linux/Xcb.h"
 
 // GLib names a field "signals", which Qt keeps as a keyword.
 #undef signals
@@ -21,10 +21,6 @@
 namespace zuv {
 
 namespace {
-
-struct Free {
-    void operator()(void *p) const { std::free(p); }
-};
 
 std::optional<Workspace::App> fromInfo(GDesktopAppInfo *info, const QString &fallbackId = {})
 {
@@ -82,17 +78,9 @@ std::optional<QString> LinuxWorkspace::match(const WindowFacts &w, const std::ve
 
 LinuxWorkspace::LinuxWorkspace(const QByteArray &display)
 {
-    int screen = 0;
-    m_connection = xcb_connect(display.isEmpty() ? nullptr : display.constData(), &screen);
-    if (xcb_connection_has_error(m_connection)) {
-        xcb_disconnect(m_connection);
-        m_connection = nullptr;
-        return;
-    }
-    auto roots = xcb_setup_roots_iterator(xcb_get_setup(m_connection));
-    for (int i = 0; i < screen && roots.rem; ++i)
-        xcb_screen_next(&roots);
-    m_root = roots.data->root;
+    const xcb::Connection opened = xcb::connect(display);
+    m_connection = opened.connection;
+    m_root = opened.root;
 }
 
 LinuxWorkspace::~LinuxWorkspace()
@@ -152,9 +140,7 @@ quint32 LinuxWorkspace::atom(const char *name) const
     const auto cached = m_atoms.constFind(name);
     if (cached != m_atoms.constEnd())
         return *cached;
-    std::unique_ptr<xcb_intern_atom_reply_t, Free> reply(
-        xcb_intern_atom_reply(m_connection, xcb_intern_atom(m_connection, 0, quint16(strlen(name)), name), nullptr));
-    const quint32 value = reply ? reply->atom : XCB_ATOM_NONE;
+    const quint32 value = xcb::atom(m_connection, name);
     m_atoms.insert(name, value);
     return value;
 }
@@ -163,7 +149,7 @@ namespace {
 
 QByteArray property(xcb_connection_t *c, quint32 window, quint32 name, quint32 type)
 {
-    std::unique_ptr<xcb_get_property_reply_t, Free> reply(
+    xcb::Reply<xcb_get_property_reply_t> reply(
         xcb_get_property_reply(c, xcb_get_property(c, 0, window, name, type, 0, 4096), nullptr));
     if (!reply)
         return {};

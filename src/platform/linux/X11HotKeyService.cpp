@@ -1,13 +1,14 @@
 #include "platform/linux/X11HotKeyService.h"
 
+#include "base/Clock.h"
 #include "base/Log.h"
+#include "platform/linux/Xcb.h"
 #include "platform/linux/XkbKeyNames.h"
 
 #include <QMetaObject>
+#include <QPointer>
 #include <QSocketNotifier>
-#include <QTimer>
 
-#include <xcb/xcb.h>
 // xkb.h names a field "explicit", which C++ reserves.
 #define explicit explicit_
 #include <xcb/xkb.h>
@@ -24,34 +25,23 @@ namespace {
 
 constexpr quint32 carbonCommand = 256, carbonShift = 512, carbonOption = 2048, carbonControl = 4096;
 
-template<class T>
-struct FreeDeleter {
-    void operator()(T *p) const { std::free(p); }
-};
-template<class T>
-using Reply = std::unique_ptr<T, FreeDeleter<T>>;
+using xcb::Reply;
 
 // The modifier bits of a key event, without the pointer buttons and group bits.
 constexpr quint16 modifierBits = 0xff;
 
 } // namespace
 
-X11HotKeyService::X11HotKeyService(const QByteArray &display, QObject *parent) : HotKeyService(parent)
+X11HotKeyService::X11HotKeyService(Clock &clock, const QByteArray &display, QObject *parent)
+    : HotKeyService(parent), m_clock(clock)
 {
-    int screenNumber = 0;
-    m_connection = xcb_connect(display.isEmpty() ? nullptr : display.constData(), &screenNumber);
-    if (!m_connection || xcb_connection_has_error(m_connection)) {
+    const xcb::Connection opened = xcb::connect(display);
+    if (!opened.connection) {
         m_problem = tr("Global shortcuts need an X11 display, and none could be reached.");
-        if (m_connection)
-            xcb_disconnect(m_connection);
-        m_connection = nullptr;
         return;
     }
-    const xcb_setup_t *setup = xcb_get_setup(m_connection);
-    auto screens = xcb_setup_roots_iterator(setup);
-    for (int i = 0; i < screenNumber && screens.rem; ++i)
-        xcb_screen_next(&screens);
-    m_root = screens.data->root;
+    m_connection = opened.connection;
+    m_root = opened.root;
 
     quint8 firstEvent = 0;
     if (!xkb_x11_setup_xkb_extension(m_connection, XKB_X11_MIN_MAJOR_XKB_VERSION, XKB_X11_MIN_MINOR_XKB_VERSION,
@@ -91,11 +81,6 @@ X11HotKeyService::X11HotKeyService(const QByteArray &display, QObject *parent) :
 
     m_notifier = new QSocketNotifier(xcb_get_file_descriptor(m_connection), QSocketNotifier::Read, this);
     connect(m_notifier, &QSocketNotifier::activated, this, &X11HotKeyService::readEvents);
-    // A keymap change comes as a burst of events: one reload after it settles.
-    m_reload = new QTimer(this);
-    m_reload->setSingleShot(true);
-    m_reload->setInterval(20);
-    connect(m_reload, &QTimer::timeout, this, &X11HotKeyService::reloadKeymap);
     // Through XWayland the grabs are taken, but the compositor hands keys to X11
     // clients only while one of their windows is active.
     if (qEnvironmentVariable("XDG_SESSION_TYPE") == QLatin1String("wayland"))
@@ -319,13 +304,24 @@ void X11HotKeyService::handle(void *raw)
         // Every XKB event starts with its own kind in the second byte.
         const quint8 kind = reinterpret_cast<const quint8 *>(event)[1];
         if (kind == XCB_XKB_NEW_KEYBOARD_NOTIFY || kind == XCB_XKB_MAP_NOTIFY) {
-            m_reload->start();
+            // A layout change comes as a burst of events: one reload once it has
+            // settled, every event starting the wait over.
+            m_reload = Job::start([this](CancelToken token) { return reloadWhenSettled(std::move(token)); },
+                                  QStringLiteral("Reading the new keyboard layout"));
         } else if (kind == XCB_XKB_STATE_NOTIFY && m_state) {
             auto *s = reinterpret_cast<xcb_xkb_state_notify_event_t *>(event);
             xkb_state_update_mask(m_state, s->baseMods, s->latchedMods, s->lockedMods, xkb_layout_index_t(s->baseGroup),
                                   xkb_layout_index_t(s->latchedGroup), xkb_layout_index_t(s->lockedGroup));
         }
     }
+}
+
+QCoro::Task<void> X11HotKeyService::reloadWhenSettled(CancelToken token)
+{
+    QPointer<X11HotKeyService> self(this);
+    const bool waited = co_await m_clock.sleep(0.02, token);
+    if (waited && self && !token.isCancelled())
+        reloadKeymap();
 }
 
 void X11HotKeyService::reloadKeymap()

@@ -2,6 +2,7 @@
 
 #include "platform/HotKeyService.h"
 #include "platform/Keyboard.h"
+#include "base/Job.h"
 
 #include <QSet>
 
@@ -13,9 +14,10 @@ struct xkb_context;
 struct xkb_keymap;
 struct xkb_state;
 class QSocketNotifier;
-class QTimer;
 
 namespace zuv {
+
+class Clock;
 
 // Global shortcuts as passive key grabs on the X11 root window, through an xcb
 // connection of our own whose events are read on the main thread. Each combo is
@@ -25,8 +27,9 @@ namespace zuv {
 class X11HotKeyService final : public HotKeyService, public Keyboard {
     Q_OBJECT
 public:
-    // Connects to `display`, or to $DISPLAY when it is empty.
-    explicit X11HotKeyService(const QByteArray &display = {}, QObject *parent = nullptr);
+    // Connects to `display`, or to $DISPLAY when it is empty. `clock` times the
+    // wait for a burst of keymap events to settle.
+    explicit X11HotKeyService(Clock &clock, const QByteArray &display = {}, QObject *parent = nullptr);
     ~X11HotKeyService() override;
 
     bool grab(quint32 id, quint32 keyCode, quint32 modifiers) override;
@@ -57,6 +60,7 @@ private:
     void ungrabOnServer(Grab &grab);
     void handle(void *event); // one xcb_generic_event_t
     void reloadKeymap();
+    QCoro::Task<void> reloadWhenSettled(CancelToken token);
     quint8 keyFor(quint32 keyCode) const;
 
     xcb_connection_t *m_connection = nullptr;
@@ -73,7 +77,8 @@ private:
     std::map<quint32, Grab> m_grabs;
     QSet<quint8> m_down; // keys pressed and not yet released: repeats fire nothing
     QSocketNotifier *m_notifier = nullptr;
-    QTimer *m_reload = nullptr;
+    Clock &m_clock;
+    Job m_reload; // waits for a burst of keymap events to settle
     QString m_problem;
 };
 
