@@ -67,19 +67,41 @@ struct Result {
     double p99 = 0;
 };
 
+// A model against the test hub with 1,000 listed chats, its banners and badge
+// going nowhere. The model ends before the hub, and so do the reloads it started.
+struct Bench {
+    HubFixture f;
+    QuietCenter center;
+    Notifier notifier{f.clock, f.defaults, center};
+    QuietBadge badge;
+    AppActivity activity;
+    std::unique_ptr<ChatModel> model;
+
+    Bench()
+    {
+        f.keychain.setToken(QStringLiteral("agent"));
+        f.hub.grantTokens();
+        QJsonArray list;
+        for (int i = 0; i < listed; ++i)
+            list.append(QJsonObject{{"id", chatId(i)}, {"title", QStringLiteral("Chat %1").arg(i)}, {"createdAt", i},
+                                    {"updatedAt", i}, {"preview", ""}});
+        f.hub.on("GET", "/app/conversations", TestHub::json(QJsonObject{{"conversations", list}}));
+        model = std::make_unique<ChatModel>(f.clock, f.defaults, f.keychain, f.api, notifier, badge, activity);
+        await(model->reloadConversations(false));
+    }
+    ~Bench()
+    {
+        model.reset();
+        drain();
+    }
+};
+
 Result run(int entriesPerChat)
 {
-    HubFixture f;
-    f.keychain.setToken(QStringLiteral("agent"));
-    f.hub.grantTokens();
-    QJsonArray list;
-    for (int i = 0; i < listed; ++i)
-        list.append(QJsonObject{{"id", chatId(i)}, {"title", QStringLiteral("Chat %1").arg(i)}, {"createdAt", i},
-                                {"updatedAt", i}, {"preview", ""}});
-    f.hub.on("GET", "/app/conversations", TestHub::json(QJsonObject{{"conversations", list}}));
+    Bench bench;
     QRandomGenerator random(42);
     const QString filler = prose(random, 600);
-    f.hub.on("GET", "/app/history", [&](const TestHub::Request &r) {
+    bench.f.hub.on("GET", "/app/history", [&](const TestHub::Request &r) {
         const QString conv = r.query("conversation");
         QJsonArray history;
         for (int n = 0; n < entriesPerChat; ++n)
@@ -87,14 +109,7 @@ Result run(int entriesPerChat)
                                  conv, "app"));
         return TestHub::json(QJsonObject{{"entries", history}});
     });
-
-    QuietCenter center;
-    Notifier notifier(f.clock, f.defaults, center);
-    QuietBadge badge;
-    AppActivity activity;
-    auto model = std::make_unique<ChatModel>(f.clock, f.defaults, f.keychain, f.api, notifier, badge, activity);
-    ChatModel &chat = *model;
-    await(chat.reloadConversations(false));
+    ChatModel &chat = *bench.model;
     for (int i = 0; i < loaded; ++i)
         await(chat.refresh(chatId(i)));
 
@@ -132,8 +147,6 @@ Result run(int entriesPerChat)
         costs.push_back(one.nsecsElapsed());
     }
     const double seconds = double(total.nsecsElapsed()) / 1e9;
-    model.reset();
-    drain(); // the reloads that the frames started end with the model
     std::sort(costs.begin(), costs.end());
     return {double(feed.size()) / seconds, double(costs[costs.size() * 99 / 100]) / 1000.0};
 }
@@ -141,20 +154,8 @@ Result run(int entriesPerChat)
 // Hostile frames of 100 KB each: the handler must stay linear in them.
 void worstCases()
 {
-    HubFixture f;
-    f.keychain.setToken(QStringLiteral("agent"));
-    f.hub.grantTokens();
-    QJsonArray list;
-    for (int i = 0; i < listed; ++i)
-        list.append(QJsonObject{{"id", chatId(i)}, {"title", "T"}, {"createdAt", i}, {"updatedAt", i}, {"preview", ""}});
-    f.hub.on("GET", "/app/conversations", TestHub::json(QJsonObject{{"conversations", list}}));
-    QuietCenter center;
-    Notifier notifier(f.clock, f.defaults, center);
-    QuietBadge badge;
-    AppActivity activity;
-    auto model = std::make_unique<ChatModel>(f.clock, f.defaults, f.keychain, f.api, notifier, badge, activity);
-    ChatModel &chat = *model;
-    await(chat.reloadConversations(false));
+    Bench bench;
+    ChatModel &chat = *bench.model;
 
     constexpr int size = 100 * 1024;
     QByteArray titles = "{\"kind\":\"titles\",\"titles\":[";
@@ -180,8 +181,6 @@ void worstCases()
         chat.handle(frame);
         std::printf("chat frame worst: %s, %.2f ms\n", name, double(timer.nsecsElapsed()) / 1e6);
     }
-    model.reset();
-    drain();
 }
 
 } // namespace

@@ -51,7 +51,7 @@ std::optional<QByteArray> ClipStore::Row::blob(int column) const
     return bytes ? QByteArray(static_cast<const char *>(bytes), size) : QByteArray();
 }
 
-ClipStore::ClipStore(const QString &path, bool readOnly) : m_file(path)
+ClipStore::ClipStore(const QString &path, bool readOnly)
 {
     const int flags = readOnly ? SQLITE_OPEN_READONLY | SQLITE_OPEN_FULLMUTEX
                                : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX;

@@ -67,13 +67,10 @@ public:
     void markRecognized(qint64 id);
     void vacuum();
 
-    QString file() const { return m_file; }
-
 private:
     sqlite3_stmt *statement(const QByteArray &sql);
 
     sqlite3 *m_db = nullptr;
-    QString m_file;
     QRecursiveMutex m_mutex; // the statement cache and each use of a statement
     QHash<QByteArray, sqlite3_stmt *> m_statements;
 };

@@ -1,5 +1,6 @@
 #include "clipboard/RtfText.h"
 
+#include <QHash>
 #include <QSet>
 
 #include <vector>
@@ -32,6 +33,18 @@ bool skippedDestination(const QByteArray &word)
         "listtable", "listoverridetable", "rsidtbl", "generator", "xmlnstbl", "pgdsctbl", "filetbl",
         "revtbl",    "bkmkstart", "bkmkend",   "shppict",    "nonshppict", "blipuid",    "mmathPr"};
     return words.contains(word);
+}
+
+// Control words that stand for one character.
+const QHash<QByteArray, QChar> &symbols()
+{
+    static const QHash<QByteArray, QChar> table{
+        {"par", QLatin1Char('\n')},  {"line", QLatin1Char('\n')}, {"sect", QLatin1Char('\n')},
+        {"page", QLatin1Char('\n')}, {"tab", QLatin1Char('\t')},  {"emdash", QChar(0x2014)},
+        {"endash", QChar(0x2013)},   {"bullet", QChar(0x2022)},   {"lquote", QChar(0x2018)},
+        {"rquote", QChar(0x2019)},   {"ldblquote", QChar(0x201c)}, {"rdblquote", QChar(0x201d)},
+    };
+    return table;
 }
 
 int hex(char c)
@@ -167,24 +180,8 @@ QString plain(const QByteArray &rtf)
             pendingFallback = std::min(group.fallback, 16);
         } else if (word == "uc" && hasParameter) {
             group.fallback = int(std::clamp(parameter, 0L, 16L));
-        } else if (word == "par" || word == "line" || word == "sect" || word == "page") {
-            put(QLatin1Char('\n'));
-        } else if (word == "tab") {
-            put(QLatin1Char('\t'));
-        } else if (word == "emdash") {
-            put(QChar(0x2014));
-        } else if (word == "endash") {
-            put(QChar(0x2013));
-        } else if (word == "bullet") {
-            put(QChar(0x2022));
-        } else if (word == "lquote") {
-            put(QChar(0x2018));
-        } else if (word == "rquote") {
-            put(QChar(0x2019));
-        } else if (word == "ldblquote") {
-            put(QChar(0x201c));
-        } else if (word == "rdblquote") {
-            put(QChar(0x201d));
+        } else if (const auto symbol = symbols().constFind(word); symbol != symbols().constEnd()) {
+            put(*symbol);
         }
     }
     return out;

@@ -1,6 +1,7 @@
 #include "shortcuts/AppShortcuts.h"
 
 #include "base/Defaults.h"
+#include "base/Json.h"
 #include "base/Log.h"
 #include "platform/Workspace.h"
 #include "shortcuts/HotKeys.h"
@@ -15,29 +16,24 @@ namespace zuv {
 
 std::optional<AppShortcuts::Item> AppShortcuts::Item::fromJson(const QJsonValue &value)
 {
-    if (!value.isObject())
-        return std::nullopt;
-    const QJsonObject o = value.toObject();
-    Item item;
-    item.id = QUuid::fromString(o.value(QStringLiteral("id")).toString());
-    const QJsonValue name = o.value(QStringLiteral("name"));
-    const QJsonValue path = o.value(QStringLiteral("path"));
-    if (item.id.isNull() || !name.isString() || !path.isString())
-        return std::nullopt;
-    item.name = name.toString();
-    item.path = path.toString();
-    const QJsonValue bundle = o.value(QStringLiteral("bundleID"));
-    if (bundle.isString())
-        item.bundleID = bundle.toString();
-    else if (!bundle.isUndefined() && !bundle.isNull())
-        return std::nullopt;
-    const QJsonValue combo = o.value(QStringLiteral("combo"));
-    if (!combo.isUndefined() && !combo.isNull()) {
-        item.combo = KeyCombo::fromJson(combo);
-        if (!item.combo)
+    try {
+        const QJsonObject o = json::decode<QJsonObject>(value);
+        Item item;
+        item.id = QUuid::fromString(json::required<QString>(o, QStringLiteral("id")));
+        item.name = json::required<QString>(o, QStringLiteral("name"));
+        item.path = json::required<QString>(o, QStringLiteral("path"));
+        item.bundleID = json::optional<QString>(o, QStringLiteral("bundleID"));
+        if (const auto combo = json::optional<QJsonValue>(o, QStringLiteral("combo"))) {
+            item.combo = KeyCombo::fromJson(*combo);
+            if (!item.combo)
+                return std::nullopt;
+        }
+        if (item.id.isNull())
             return std::nullopt;
+        return item;
+    } catch (const DecodingError &) {
+        return std::nullopt;
     }
-    return item;
 }
 
 QJsonObject AppShortcuts::Item::toJson() const

@@ -29,7 +29,6 @@ public:
     // During a recording the key is kept and grabbed when the recording ends.
     std::optional<quint32> add(const KeyCombo &combo, std::function<void()> action);
     void remove(quint32 id);
-    bool contains(quint32 id) const { return m_live.count(id) != 0; }
     // Whether the key is grabbed on the system right now.
     bool held(quint32 id) const;
 

@@ -1,11 +1,11 @@
 #include "shortcuts/KeyCombo.h"
 
+#include "base/Json.h"
 #include "platform/Keyboard.h"
 
 #include <QCoreApplication>
 
 #include <array>
-#include <cmath>
 #include <utility>
 
 namespace zuv {
@@ -119,23 +119,16 @@ std::optional<QString> KeyCombo::name(quint32 code, const Keyboard *keyboard)
 
 std::optional<KeyCombo> KeyCombo::fromJson(const QJsonValue &value)
 {
-    if (!value.isObject())
+    try {
+        const QJsonObject o = json::decode<QJsonObject>(value);
+        const qint64 code = json::required<qint64>(o, QStringLiteral("keyCode"));
+        const qint64 mods = json::required<qint64>(o, QStringLiteral("modifiers"));
+        if (code < 0 || code > 0xffffffffLL || mods < 0 || mods > 0xffffffffLL)
+            return std::nullopt; // the stored numbers are unsigned 32-bit
+        return KeyCombo{quint32(code), quint32(mods), json::required<QString>(o, QStringLiteral("key"))};
+    } catch (const DecodingError &) {
         return std::nullopt;
-    const QJsonObject o = value.toObject();
-    const auto number = [](const QJsonValue &v) -> std::optional<quint32> {
-        if (!v.isDouble())
-            return std::nullopt;
-        const double d = v.toDouble();
-        if (d < 0 || d > 4294967295.0 || d != std::floor(d))
-            return std::nullopt;
-        return quint32(d);
-    };
-    const auto code = number(o.value(QStringLiteral("keyCode")));
-    const auto mods = number(o.value(QStringLiteral("modifiers")));
-    const QJsonValue key = o.value(QStringLiteral("key"));
-    if (!code || !mods || !key.isString())
-        return std::nullopt;
-    return KeyCombo{*code, *mods, key.toString()};
+    }
 }
 
 QJsonObject KeyCombo::toJson() const

@@ -1,21 +1,6 @@
-// Test entry: a Qt application object for the event loop, and private XDG folders
-// so that no test touches the user's own files.
+// Test entry of the logic tests.
+#include "TestMain.h"
+
 #include <QCoreApplication>
-#include <QDir>
-#include <QTemporaryDir>
 
-#include <gtest/gtest.h>
-
-int main(int argc, char **argv)
-{
-    QTemporaryDir home(QDir::tempPath() + QStringLiteral("/zuv-tests-XXXXXX"));
-    for (const char *name : {"XDG_DATA_HOME", "XDG_STATE_HOME", "XDG_CONFIG_HOME", "XDG_RUNTIME_DIR"}) {
-        const QString folder = home.path() + QLatin1Char('/') + QString::fromLatin1(name);
-        QDir().mkpath(folder);
-        qputenv(name, folder.toUtf8());
-    }
-    qunsetenv("XDG_SESSION_TYPE"); // whatever the developer's session, the tests' display is Xvfb
-    ::testing::InitGoogleTest(&argc, argv);
-    QCoreApplication app(argc, argv);
-    return RUN_ALL_TESTS();
-}
+int main(int argc, char **argv) { return zuv::test::runTests<QCoreApplication>(argc, argv); }

@@ -147,11 +147,10 @@ void AppShortcutsView::combo(const QUuid &id, const std::optional<KeyCombo> &com
         if (item.id == id)
             if (ShortcutRecorder *r = recorder(id))
                 r->setCombo(item.combo);
-    m_conflict = tr("%1 already uses this shortcut.").arg(*owner);
-    emit conflictShown(*m_conflict);
-    QMessageBox box(QMessageBox::Warning, tr("Shortcut in use"), *m_conflict, QMessageBox::Ok, this);
+    const QString text = tr("%1 already uses this shortcut.").arg(*owner);
+    emit conflictShown(text);
+    QMessageBox box(QMessageBox::Warning, tr("Shortcut in use"), text, QMessageBox::Ok, this);
     box.exec();
-    m_conflict.reset();
 }
 
 void AppShortcutsView::addApp(const QString &path)

@@ -32,8 +32,6 @@ public:
     ShortcutRecorder *recorder(const QUuid &id) const;
     // Adds the application of a desktop file and starts recording its shortcut.
     void addApp(const QString &path);
-    // What the conflict alert says, when one is up.
-    std::optional<QString> conflict() const { return m_conflict; }
 
 signals:
     void conflictShown(const QString &text);
@@ -51,7 +49,6 @@ private:
     QLabel *m_empty = nullptr;
     QCheckBox *m_hide = nullptr;
     std::vector<std::pair<QUuid, ShortcutRecorder *>> m_recorders;
-    std::optional<QString> m_conflict;
 };
 
 } // namespace zuv
