@@ -158,17 +158,19 @@ TEST_F(ChatSocket, aRefusedHandshakeWith401ForgetsTheAccessToken)
 {
     QTcpServer raw;
     ASSERT_TRUE(raw.listen(QHostAddress::LocalHost, 0));
-    int upgrades = 0;
+    // Every exchange hands out a new token; the upgrades say which one they bring.
+    int exchanges = 0;
+    QList<QByteArray> upgrades;
     QObject::connect(&raw, &QTcpServer::newConnection, [&] {
         while (QTcpSocket *peer = raw.nextPendingConnection()) {
-            QObject::connect(peer, &QTcpSocket::readyRead, peer, [&upgrades, peer] {
+            QObject::connect(peer, &QTcpSocket::readyRead, peer, [&exchanges, &upgrades, peer] {
                 const QByteArray request = peer->readAll();
                 QByteArray status = "500 Internal Server Error", body = "{}";
                 if (request.contains("/agent/app-token")) {
                     status = "200 OK";
-                    body = R"({"accessToken":"a","expiresAt":4e12})";
+                    body = QByteArray(R"({"accessToken":"a)") + QByteArray::number(++exchanges) + R"(","expiresAt":4e12})";
                 } else if (request.contains("/app/ws")) {
-                    ++upgrades;
+                    upgrades << request.mid(request.indexOf("Bearer "), 9);
                     status = "401 Unauthorized";
                 }
                 peer->write("HTTP/1.1 " + status + "\r\nContent-Type: application/json\r\nConnection: close\r\n"
@@ -178,11 +180,13 @@ TEST_F(ChatSocket, aRefusedHandshakeWith401ForgetsTheAccessToken)
         }
     });
     ChatFixture f(QUrl(QStringLiteral("http://127.0.0.1:%1").arg(raw.serverPort())));
+    await(f.api.token()); // held before the start, so that only a cleared token makes a new exchange
     f.chat->start();
-    ASSERT_TRUE(waitUntil([&] { return upgrades == 1 && f.clock.sleepers() == 1; }));
-    EXPECT_FALSE(f.api.access()) << "the next attempt exchanges a new token";
+    ASSERT_TRUE(waitUntil([&] { return upgrades.size() == 1 && f.clock.sleepers() == 1; }));
     f.clock.advance(1);
-    ASSERT_TRUE(waitUntil([&] { return upgrades == 2; }));
+    ASSERT_TRUE(waitUntil([&] { return upgrades.size() == 2; }));
+    EXPECT_EQ(upgrades[0], "Bearer a1");
+    EXPECT_EQ(upgrades[1], "Bearer a2") << "the refused token is not offered again";
     EXPECT_FALSE(f.chat->live());
 }
 
