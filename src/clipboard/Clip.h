@@ -1,5 +1,7 @@
 #pragma once
 
+#include "platform/Pasteboard.h"
+
 #include <QByteArray>
 #include <QString>
 
@@ -30,10 +32,6 @@ struct Clip {
 };
 
 // One pasteboard type of a clip and its bytes.
-struct ClipContent {
-    QString type;
-    QByteArray data;
-    bool operator==(const ClipContent &) const = default;
-};
+using ClipContent = PasteboardContent;
 
 } // namespace zuv

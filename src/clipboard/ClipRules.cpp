@@ -81,7 +81,9 @@ bool persistable(const QString &type)
              || type.contains(QLatin1String("promise"), Qt::CaseInsensitive));
 }
 
-std::optional<std::vector<ClipContent>> read(const std::vector<Item> &items, const Settings &settings)
+namespace {
+
+QSet<QString> savedTypes(const Settings &settings)
 {
     QSet<QString> saved;
     if (settings.saveText)
@@ -92,15 +94,64 @@ std::optional<std::vector<ClipContent>> read(const std::vector<Item> &items, con
             saved.insert(t);
     if (settings.saveFiles)
         saved.insert(fileURL);
+    return saved;
+}
+
+bool vetoes(const QSet<QString> &types, const Settings &settings)
+{
+    for (const QString &veto : alwaysIgnoredTypes() + settings.ignoredTypes)
+        if (types.contains(veto))
+            return true;
+    return false;
+}
+
+// Private types that cost their owner a rendering of the whole selection.
+bool rendered(const QString &type)
+{
+    return type.startsWith(QLatin1String("image/")) || type.startsWith(QLatin1String("video/"))
+        || type.startsWith(QLatin1String("audio/")) || type == QLatin1String("application/pdf")
+        || type.startsWith(QLatin1String("application/x-openoffice-embed"))
+        || type.startsWith(QLatin1String("application/x-libreoffice-"));
+}
+
+} // namespace
+
+std::optional<Pasteboard::Plan> plan(const QStringList &types, const Settings &settings)
+{
+    const QSet<QString> saved = savedTypes(settings);
+    const QSet<QString> offered(types.begin(), types.end());
+    if (!offered.intersects(saved) || vetoes(offered, settings))
+        return std::nullopt;
+    const QStringList images = imageTypes();
+    const QStringList handled = textTypes() + images + QStringList{fileURL};
+    Pasteboard::Plan plan;
+    if (offered.contains(concealed))
+        plan.fetch << concealed;
+    for (const QString &type : types) {
+        if (type == concealed || !persistable(type) || plan.fetch.contains(type) || plan.unlessText.contains(type))
+            continue;
+        if (images.contains(type)) {
+            if (saved.contains(type))
+                plan.unlessText << type;
+        } else if (handled.contains(type)) {
+            if (saved.contains(type))
+                plan.fetch << type;
+        } else if (!rendered(type)) {
+            plan.fetch << type;
+        }
+    }
+    return plan;
+}
+
+std::optional<std::vector<ClipContent>> read(const std::vector<Item> &items, const Settings &settings)
+{
+    const QSet<QString> saved = savedTypes(settings);
     QSet<QString> types;
     for (const Item &item : items)
         for (const ClipContent &c : item)
             types.insert(c.type);
-    if (!types.intersects(saved))
+    if (!types.intersects(saved) || vetoes(types, settings))
         return std::nullopt;
-    for (const QString &veto : alwaysIgnoredTypes() + settings.ignoredTypes)
-        if (types.contains(veto))
-            return std::nullopt;
     for (const Item &item : items)
         if (concealedBy(item))
             return std::nullopt;

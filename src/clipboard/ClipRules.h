@@ -46,6 +46,13 @@ bool persistable(const QString &type);
 // a vetoing type or pattern, blank, or over 50 MiB).
 std::optional<std::vector<ClipContent>> read(const std::vector<Item> &items, const Settings &settings);
 
+// Which offered types a capture fetches, or none when the offer is not recorded
+// at all (nothing it may keep, or a vetoing type). Pictures are fetched only
+// where there is no text; other applications' private types are kept so that a
+// rich copy pastes back whole, except pictures and documents that their owners
+// render on request.
+std::optional<Pasteboard::Plan> plan(const QStringList &types, const Settings &settings);
+
 struct Description {
     Clip::Kind kind = Clip::Kind::text;
     QString text; // at most 1000 characters as the person counts them

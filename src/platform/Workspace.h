@@ -29,6 +29,8 @@ public:
 
     // The desktop id of the application whose window is active, when it can be told.
     virtual std::optional<QString> frontmost() const = 0;
+    // The desktop id of the application a process belongs to, when it can be told.
+    virtual std::optional<QString> applicationOfProcess(qint64 pid) const = 0;
     // Brings a window of the application forward; false when it has none.
     // `time` is the X time of the key press that asked for it.
     virtual bool activate(const QString &id, quint32 time) = 0;

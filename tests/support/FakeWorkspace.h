@@ -4,6 +4,7 @@
 
 #include <QStringList>
 
+#include <map>
 #include <set>
 
 namespace zuv::test {
@@ -16,6 +17,7 @@ public:
                           {"org.example.Files.desktop", "Files", "/apps/org.example.Files.desktop", ""}};
     std::optional<QString> front;
     std::set<QString> running;
+    std::map<qint64, QString> processes; // pid to desktop id
     QStringList calls;
     QString launchError;
 
@@ -35,6 +37,11 @@ public:
     }
     std::vector<App> installed() const override { return apps; }
     std::optional<QString> frontmost() const override { return front; }
+    std::optional<QString> applicationOfProcess(qint64 pid) const override
+    {
+        const auto it = processes.find(pid);
+        return it == processes.end() ? std::nullopt : std::optional<QString>(it->second);
+    }
     bool activate(const QString &id, quint32 time) override
     {
         calls << QStringLiteral("activate %1 %2").arg(id).arg(time);

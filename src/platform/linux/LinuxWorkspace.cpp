@@ -210,6 +210,31 @@ std::optional<QString> LinuxWorkspace::frontmost() const
     return owner(active[0], entries());
 }
 
+std::optional<QString> LinuxWorkspace::applicationOfProcess(qint64 pid) const
+{
+    if (pid <= 0)
+        return std::nullopt;
+    if (pid == QCoreApplication::applicationPid())
+        return QStringLiteral("com.kelmor.zuv.mac.desktop"); // our own copies
+    if (m_connection) {
+        // A window of the process tells best; a process may have many, all of one entry.
+        for (quint32 w : windows(property(m_connection, m_root, atom("_NET_CLIENT_LIST"), XCB_ATOM_WINDOW))) {
+            const QByteArray value = property(m_connection, w, atom("_NET_WM_PID"), XCB_ATOM_CARDINAL);
+            quint32 windowPid = 0;
+            if (value.size() == 4)
+                memcpy(&windowPid, value.constData(), 4);
+            if (windowPid == quint64(pid))
+                return owner(w, entries());
+        }
+    }
+    const QString launched = launchedEntry(quint32(pid));
+    if (launched.isEmpty())
+        return std::nullopt;
+    WindowFacts facts;
+    facts.launchedEntry = launched;
+    return match(facts, entries());
+}
+
 std::vector<quint32> LinuxWorkspace::windowsOf(const QString &id) const
 {
     std::vector<quint32> out;

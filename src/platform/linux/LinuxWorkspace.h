@@ -39,6 +39,7 @@ public:
     std::optional<App> applicationAt(const QString &path) const override;
     std::vector<App> installed() const override;
     std::optional<QString> frontmost() const override;
+    std::optional<QString> applicationOfProcess(qint64 pid) const override;
     bool activate(const QString &id, quint32 time) override;
     bool hide(const QString &id) override;
     QString launch(const App &app, quint32 time) override;
