@@ -1,6 +1,6 @@
 // A clipboard owner for tests, on raw xcb, that can misbehave on demand.
 //
-//   zuv-clipowner [options] TYPE=VALUE...     (VALUE "@path" reads a file)
+//   zuv-clipowner [options] TYPE::VALUE...    (VALUE "@path" reads a file)
 //     --log FILE          appends the name of every target asked for
 //     --stall TYPE        never answers a request for TYPE
 //     --incr N            sends values in INCR chunks of N bytes
@@ -94,8 +94,8 @@ int main(int argc, char **argv)
             reown = true;
         else if (arg == "--release-after")
             releaseAfter = std::stoll(next());
-        else if (const size_t eq = arg.find('='); eq != std::string::npos) {
-            std::string value = arg.substr(eq + 1);
+        else if (const size_t eq = arg.find("::"); eq != std::string::npos) {
+            std::string value = arg.substr(eq + 2);
             if (!value.empty() && value[0] == '@') {
                 std::ifstream file(value.substr(1), std::ios::binary);
                 std::stringstream s;

@@ -177,13 +177,15 @@ private:
         return false;
     }
 
-    // Waits for the event `want` takes, handling all others; false on time-out or stop.
+    // Waits for the event `want` takes, handling all others; false on time-out,
+    // stop, or a change of the clipboard meanwhile.
     bool wait(const QDeadlineTimer &deadline, const std::function<bool(xcb_generic_event_t *)> &want)
     {
+        const qint64 count = m_count->load();
         for (;;) {
             if (drain(want))
                 return true;
-            if (m_stop || xcb_connection_has_error(m_c) || deadline.hasExpired())
+            if (m_stop || xcb_connection_has_error(m_c) || deadline.hasExpired() || m_count->load() != count)
                 return false;
             // In slices, so that a stop is noticed.
             pollfd fd{xcb_get_file_descriptor(m_c), POLLIN, 0};
