@@ -34,9 +34,9 @@ std::vector<QString> titles(int count)
 
 double p50(const QString &mode, const QStringList &queries, const std::vector<QString> &all)
 {
-    std::vector<QString> foldedTitles;
+    std::vector<ClipSearch::Folded> foldedTitles;
     for (const QString &t : all)
-        foldedTitles.push_back(ClipSearch::folded(t));
+        foldedTitles.push_back(ClipSearch::Folded::of(t));
     std::vector<qint64> costs;
     for (int round = 0; round < 20; ++round) {
         for (const QString &q : queries) {

@@ -11,6 +11,7 @@
 #include "base/Log.h"
 #include "base/Paths.h"
 #include "chat/ChatModel.h"
+#include "clipboard/ClipboardHistory.h"
 #include "chat/OutgoingFile.h"
 #include "diagnostics/Diagnostics.h"
 #include "install/Updates.h"
@@ -24,6 +25,8 @@
 #include "platform/linux/LauncherBadge.h"
 #include "platform/linux/LinuxWorkspace.h"
 #include "platform/linux/X11HotKeyService.h"
+#include "platform/linux/X11Pasteboard.h"
+#include "platform/linux/X11PastePoster.h"
 #include "platform/linux/LinuxCrashSource.h"
 #include "platform/linux/LinuxSecretStore.h"
 #include "platform/linux/SourceUpdater.h"
@@ -142,8 +145,35 @@ int main(int argc, char **argv)
     HotKeys hotKeys(keys, [&system](const KeyCombo &combo) { return system.contains(combo); });
     HotKeys::setShared(&hotKeys);
     LinuxWorkspace workspace;
-    AppShortcuts appShortcuts(defaults, hotKeys, workspace);
+
+    // Clipboard history: the X clipboard read on a thread of its own, the paste
+    // keys through XTest.
+    X11Pasteboard pasteboard;
+    if (!pasteboard.problem().isEmpty())
+        log(pasteboard.problem());
+    X11PastePoster poster;
+    ClipboardHistory clipboard(clock, defaults, pasteboard, workspace, &hotKeys, Paths::support());
+    ClipboardHistory::setShared(&clipboard);
+    clipboard.poster = &poster;
+    clipboard.beep = [] { QApplication::beep(); };
+    // The panel comes with its own change; until then the shortcut says so in app.log.
+    clipboard.togglePanel = [] { log(QStringLiteral("clipboard history: the panel would open now")); };
+
+    AppShortcuts appShortcuts(defaults, hotKeys, workspace, [&clipboard] {
+        std::vector<std::pair<QString, KeyCombo>> owners;
+        if (clipboard.enabled() && clipboard.combo())
+            owners.emplace_back(QObject::tr("Clipboard History"), *clipboard.combo());
+        return owners;
+    });
     AppShortcuts::setShared(&appShortcuts);
+    clipboard.conflict = [&appShortcuts, &hotKeys](const KeyCombo &combo) -> std::optional<QString> {
+        for (const AppShortcuts::Item &item : appShortcuts.items())
+            if (item.combo == combo)
+                return item.name;
+        if (hotKeys.isSystemShortcut(combo))
+            return QObject::tr("The desktop");
+        return std::nullopt;
+    };
 
     SourceUpdater updater;
     Updates updates(clock, api, updater, [&model, &chat] { return chat.busy() || model.agentBusy(); },
@@ -166,6 +196,7 @@ int main(int argc, char **argv)
     };
 
     AppDelegate delegate(clock, model, chat, notifier, opener, appShortcuts, diagnostics, updates);
+    delegate.clipboard = &clipboard;
     QObject::connect(&model, &AppModel::setupWanted, &delegate, &AppDelegate::showSetup);
     QObject::connect(&model, &AppModel::childFailed, &diagnostics,
                      [&diagnostics](const QString &name, int status, bool signal, const QString &tail) {

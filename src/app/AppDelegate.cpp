@@ -4,6 +4,7 @@
 #include "app/WindowOpener.h"
 #include "base/Job.h"
 #include "chat/ChatModel.h"
+#include "clipboard/ClipboardHistory.h"
 #include "diagnostics/Diagnostics.h"
 #include "install/Updates.h"
 #include "link/AppModel.h"
@@ -74,6 +75,8 @@ void AppDelegate::applicationDidFinishLaunching(const QStringList &arguments)
     if (m_model.pairing().state == AppModel::Pairing::State::paired)
         m_chat.start();
     m_appShortcuts.apply();
+    if (clipboard)
+        clipboard->start();
 
     // The setup guide comes with the permissions check; until then an unpaired
     // computer is told how to pair.
@@ -108,6 +111,8 @@ QCoro::Task<void> AppDelegate::checkMinimumForever(CancelToken token)
 void AppDelegate::applicationWillTerminate()
 {
     m_minimumCheck.cancel();
+    if (clipboard)
+        clipboard->quit(); // unpinned clips go when the person asked for that
     m_diagnostics.stop();
     m_model.stopChildren();
 }

@@ -11,6 +11,7 @@ namespace zuv {
 class AppModel;
 class AppShortcuts;
 class ChatModel;
+class ClipboardHistory;
 class Clock;
 class Notifier;
 class WindowOpener;
@@ -44,6 +45,9 @@ public:
     static bool has(const QStringList &arguments, const QString &flag);
 
     static constexpr double minimumCheckInterval = 21600; // six hours
+
+    // Started at launch and cleared at quit, where there is one.
+    ClipboardHistory *clipboard = nullptr;
 
 private:
     void logPairing();

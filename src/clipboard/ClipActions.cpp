@@ -197,7 +197,7 @@ QString ClipboardHistory::title(const Clip &clip)
         out = text.trimmed();
     }
     m_titles.insert(clip.id, out);
-    m_foldedTitles.insert(clip.id, ClipSearch::folded(out));
+    m_foldedTitles.insert(clip.id, ClipSearch::Folded::of(out));
     return out;
 }
 

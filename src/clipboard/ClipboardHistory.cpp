@@ -362,7 +362,7 @@ std::vector<ClipboardHistory::Match> ClipboardHistory::search(const QString &que
         return out;
     }
     std::vector<QString> titles;
-    std::vector<QString> folded;
+    std::vector<ClipSearch::Folded> folded;
     titles.reserve(m_clips.size());
     folded.reserve(m_clips.size());
     for (const Clip &clip : m_clips) {

@@ -152,7 +152,7 @@ private:
     qint64 m_changeCount = 0;
     std::optional<quint32> m_hotKey;
     QHash<qint64, QString> m_titles;
-    QHash<qint64, QString> m_foldedTitles;
+    QHash<qint64, ClipSearch::Folded> m_foldedTitles;
     bool m_recognizing = false;
     QCache<qint64, QImage> m_thumbnails;
 

@@ -3,6 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <QRandomGenerator>
+#include <QStringList>
+
+#include <algorithm>
 
 using namespace zuv;
 using namespace zuv::ClipSearch;
@@ -20,9 +24,9 @@ std::vector<size_t> indices(const std::vector<Match> &matches)
 // What the history does: titles go in with their folded form.
 std::vector<Match> look(const QString &query, const QString &mode, const std::vector<QString> &titles)
 {
-    std::vector<QString> foldedTitles;
+    std::vector<ClipSearch::Folded> foldedTitles;
     for (const QString &t : titles)
-        foldedTitles.push_back(folded(t));
+        foldedTitles.push_back(ClipSearch::Folded::of(t));
     return ClipSearch::search(query, mode, titles, foldedTitles);
 }
 
@@ -84,4 +88,38 @@ TEST(ClipSearch, aCatastrophicExpressionStaysBounded)
     EXPECT_TRUE(look("(a+)+$", "regex", titles).empty());
     EXPECT_TRUE(look("(a|a)*b", "mixed", titles).empty());
     // Unbounded, one title alone would outlast the test's time-out by far.
+}
+
+TEST(ClipSearch, theShortcutsOfTheSearchFindWhatThePlainWalkFinds)
+{
+    // Random titles of a small alphabet with capitals, a combining accent and an
+    // emoji, so that every path (skipped by the summary, one unit per character,
+    // characters of two units) is taken; the result must be what a plain
+    // character-by-character search gives.
+    const QStringList pieces{"a", "b", "C", "d", "é", "e\u0301", "😀", " ", "ab", "Ab"};
+    QRandomGenerator random(11);
+    std::vector<QString> titles;
+    for (int i = 0; i < 300; ++i) {
+        QString t;
+        const int length = int(random.bounded(12));
+        for (int j = 0; j < length; ++j)
+            t += pieces.at(int(random.bounded(pieces.size())));
+        titles.push_back(t);
+    }
+    const QStringList queries{"ab", "b a", "c😀", "😀", "é", "dd", "a b c", "zz", "AB", "e\u0301"};
+    for (const QString &q : queries) {
+        std::vector<Match> walked;
+        std::vector<Match> plain;
+        for (size_t i = 0; i < titles.size(); ++i) {
+            if (auto f = fuzzy(q, folded(titles[i])))
+                walked.push_back({i, f->ranges});
+            const qsizetype at = folded(titles[i]).indexOf(folded(q));
+            if (at >= 0)
+                plain.push_back({i, {{at, at + q.size()}}});
+        }
+        std::vector<Match> found = look(q, "fuzzy", titles);
+        std::sort(found.begin(), found.end(), [](const Match &a, const Match &b) { return a.index < b.index; });
+        EXPECT_EQ(found, walked) << q.toStdString();
+        EXPECT_EQ(look(q, "exact", titles), plain) << q.toStdString();
+    }
 }
