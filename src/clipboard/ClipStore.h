@@ -66,6 +66,8 @@ public:
     std::vector<qint64> unrecognized();
     void markRecognized(qint64 id);
     void vacuum();
+    // Gives back the page cache that a full read filled.
+    void releaseMemory();
 
 private:
     sqlite3_stmt *statement(const QByteArray &sql);

@@ -12,6 +12,8 @@
 #include <QJsonArray>
 #include <QPointer>
 
+#include <malloc.h>
+
 namespace zuv {
 
 namespace {
@@ -158,9 +160,12 @@ void ClipboardHistory::start()
                 throw ClipStore::Failure(tr("The folder %1 could not be created.").arg(m_folder));
             m_store = std::make_shared<ClipStore>(QDir(m_folder).filePath(fileName()));
             m_clips = m_store->all();
+            m_store->releaseMemory();
+            malloc_trim(0); // what the load used and let go goes back to the system
             m_titles.clear();
             m_foldedTitles.clear();
             sortAndTrim();
+            log(QStringLiteral("clipboard history: %1 clips").arg(m_clips.size()));
             if (m_problem) {
                 m_problem.reset();
                 emit problemChanged();

@@ -26,6 +26,7 @@
 
 #include <xcb/xcb.h>
 
+#include <functional>
 #include <memory>
 
 using namespace zuv;
@@ -71,14 +72,13 @@ private:
     QByteArray m_output;
 };
 
-// xclip owns the clipboard in the background once its input is read.
-bool xclip(QProcess &process, const QByteArray &data, const QString &type = {})
+// xclip owns the clipboard once its input is read; `started` runs before that.
+bool xclip(QProcess &process, const QByteArray &data, const std::function<void()> &started = {})
 {
-    QStringList arguments{"-selection", "clipboard", "-i"};
-    if (!type.isEmpty())
-        arguments << "-t" << type;
-    arguments << "-verbose";
-    process.start("xclip", arguments);
+    process.start("xclip", {"-selection", "clipboard", "-i", "-verbose"});
+    process.waitForStarted();
+    if (started)
+        started();
     process.write(data);
     process.closeWriteChannel();
     QByteArray said;
@@ -131,9 +131,8 @@ TEST(X11Pasteboard, anotherClientsCopyIsRecordedWithItsTypesAndOwner)
     Capture c;
     ASSERT_TRUE(c.pasteboard.watches()) << c.pasteboard.problem().toStdString();
     QProcess copier;
-    c.workspace.processes[0] = "unused";
-    ASSERT_TRUE(xclip(copier, "héllo from xclip"));
-    c.workspace.processes[copier.processId()] = "org.example.Editor.desktop";
+    ASSERT_TRUE(xclip(copier, "héllo from xclip",
+                      [&] { c.workspace.processes[copier.processId()] = "org.example.Editor.desktop"; }));
     ASSERT_TRUE(c.recorded(1));
     const Clip clip = c.history.clips()[0];
     EXPECT_EQ(clip.text, QString::fromUtf8("héllo from xclip"));
