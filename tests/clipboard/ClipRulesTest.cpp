@@ -1,5 +1,6 @@
 // What a copy becomes, and how the list is ordered and trimmed.
 #include "clipboard/ClipRules.h"
+#include "clipboard/Swatch.h"
 
 #include <gtest/gtest.h>
 
@@ -124,4 +125,14 @@ TEST(ClipRules, orderTrimmingAndIgnoredApplications)
     EXPECT_FALSE(ignored(QString("x"), {"x"}, true));
     EXPECT_FALSE(persistable("application/x-file-promise-url"));
     EXPECT_TRUE(persistable("application/x-qt-image"));
+}
+
+TEST(Swatch, hexColoursAreColoursAndWordsAreNot)
+{
+    for (const char *colour : {"#abc", "#aabbcc", "aabbcc", "#aabbccdd", "  #aabbccdd\n"})
+        EXPECT_TRUE(Swatch::color(colour)) << colour;
+    for (const char *word : {"abc", "abcd", "#abcd", "#aabbccddee", "", "#", "#ggg"})
+        EXPECT_FALSE(Swatch::color(word)) << word;
+    EXPECT_EQ(*Swatch::color("#abc"), QColor(0xaa, 0xbb, 0xcc));
+    EXPECT_EQ(*Swatch::color("#11223380"), QColor(0x11, 0x22, 0x33, 0x80));
 }

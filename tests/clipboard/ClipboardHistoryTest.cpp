@@ -6,6 +6,8 @@
 #include "base/Defaults.h"
 #include "clipboard/ClipRules.h"
 #include "clipboard/ClipStore.h"
+#include "shortcuts/HotKeys.h"
+#include "FakeHotKeyService.h"
 #include "FakePasteboard.h"
 #include "FakeWorkspace.h"
 #include "Support.h"
@@ -402,4 +404,32 @@ TEST(ClipboardHistory, theShortcutIsStoredAndRefusedWhenTaken)
     later.defaults.set("clip-shortcut", QJsonValue());
     ClipboardHistory reread(later.clock, later.defaults, later.pasteboard, later.workspace, nullptr, later.home.file("Zuv"));
     EXPECT_FALSE(reread.combo());
+}
+
+TEST(ClipboardHistory, theShortcutIsHeldOnlyWhileTheHistoryRunsAndTogglesThePanel)
+{
+    test::TempHome home;
+    TestClock clock;
+    Defaults defaults(home.file("defaults.json"));
+    test::FakePasteboard pasteboard;
+    test::FakeWorkspace workspace;
+    test::FakeHotKeyService service;
+    HotKeys hotKeys(service);
+    ClipboardHistory history(clock, defaults, pasteboard, workspace, &hotKeys, home.file("Zuv"));
+    int toggles = 0;
+    history.togglePanel = [&toggles] { ++toggles; };
+    history.start();
+    EXPECT_TRUE(service.grabbed.empty()); // off by default
+    history.setEnabled(true);
+    ASSERT_EQ(service.grabbed.size(), 1u);
+    EXPECT_EQ(service.grabbed.begin()->second, std::make_pair(8u, KeyCombo::command | KeyCombo::shift));
+    service.press(8, KeyCombo::command | KeyCombo::shift);
+    test::drain();
+    EXPECT_EQ(toggles, 1);
+
+    EXPECT_FALSE(history.setCombo(KeyCombo{40, KeyCombo::command, "K"}));
+    ASSERT_EQ(service.grabbed.size(), 1u);
+    EXPECT_EQ(service.grabbed.begin()->second.first, 40u);
+    history.setEnabled(false);
+    EXPECT_TRUE(service.grabbed.empty());
 }

@@ -7,6 +7,7 @@
 #include "shortcuts/AppShortcuts.h"
 #include "shortcuts/HotKeys.h"
 
+#include "FakeHotKeyService.h"
 #include "FakeWorkspace.h"
 #include "Support.h"
 
@@ -21,35 +22,13 @@ using test::FakeWorkspace;
 
 namespace {
 
-class Service final : public HotKeyService {
-public:
-    std::map<quint32, std::pair<quint32, quint32>> grabbed;
-    std::set<std::pair<quint32, quint32>> taken;
-    bool grab(quint32 id, quint32 code, quint32 mods) override
-    {
-        if (taken.count({code, mods}))
-            return false;
-        grabbed[id] = {code, mods};
-        return true;
-    }
-    void ungrab(quint32 id) override { grabbed.erase(id); }
-    QString problem() const override { return {}; }
-    void press(quint32 code, quint32 mods)
-    {
-        for (const auto &[id, combo] : grabbed)
-            if (combo == std::pair{code, mods})
-                emit pressed(id, 42);
-    }
-};
-
-
 const KeyCombo superE{14, KeyCombo::command, "E"};
 const KeyCombo superF{3, KeyCombo::command, "F"};
 
 struct AppShortcutsTest : ::testing::Test {
     test::TempHome home;
     Defaults defaults{home.file("defaults.json")};
-    Service service;
+    test::FakeHotKeyService service;
     FakeWorkspace workspace;
     std::unique_ptr<HotKeys> hotKeys = std::make_unique<HotKeys>(service, [](const KeyCombo &c) { return c.keyCode == 4; });
     std::vector<std::pair<QString, KeyCombo>> owners;

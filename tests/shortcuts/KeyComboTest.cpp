@@ -6,6 +6,7 @@
 #include "shortcuts/KeyCombo.h"
 #include "shortcuts/SystemShortcuts.h"
 
+#include "FakeHotKeyService.h"
 #include "Support.h"
 
 #include <gtest/gtest.h>
@@ -28,24 +29,6 @@ public:
         const auto it = keys.find(code);
         return it == keys.end() ? std::nullopt : std::optional<QString>(it->second);
     }
-};
-
-class FakeService final : public HotKeyService {
-public:
-    std::set<quint32> grabbed;
-    std::set<std::pair<quint32, quint32>> taken; // held by other programs
-    int grabs = 0;
-    bool grab(quint32 id, quint32 keyCode, quint32 modifiers) override
-    {
-        ++grabs;
-        if (taken.count({keyCode, modifiers}))
-            return false;
-        grabbed.insert(id);
-        return true;
-    }
-    void ungrab(quint32 id) override { grabbed.erase(id); }
-    QString problem() const override { return {}; }
-    void press(quint32 id) { emit pressed(id, 77); }
 };
 
 } // namespace
@@ -89,7 +72,7 @@ TEST(KeyCombo, recordsLabelsAndStoresAsTheSettingsExpect)
 
 TEST(HotKeys, idsSuspensionAndPressesOnTheMainThread)
 {
-    FakeService service;
+    test::FakeHotKeyService service;
     service.taken.insert({2, 256});
     HotKeys keys(service);
     int a = 0, b = 0;
