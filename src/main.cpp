@@ -12,6 +12,8 @@
 #include "base/Paths.h"
 #include "chat/ChatModel.h"
 #include "clipboard/ClipboardHistory.h"
+#include "clipboard/ClipboardPanel.h"
+#include "clipboard/views/ClipWindow.h"
 #include "chat/OutgoingFile.h"
 #include "diagnostics/Diagnostics.h"
 #include "install/Updates.h"
@@ -42,6 +44,8 @@
 #include "voice/Speaker.h"
 
 #include <QApplication>
+#include <QCursor>
+#include <QScreen>
 #include <QDir>
 #include <QFile>
 #include <QNetworkAccessManager>
@@ -156,8 +160,30 @@ int main(int argc, char **argv)
     ClipboardHistory::setShared(&clipboard);
     clipboard.poster = &poster;
     clipboard.beep = [] { QApplication::beep(); };
-    // The panel comes with its own change; until then the shortcut says so in app.log.
-    clipboard.togglePanel = [] { log(QStringLiteral("clipboard history: the panel would open now")); };
+    ClipboardPanel clipboardPanel(clock, defaults, clipboard);
+    ClipboardPanel::setShared(&clipboardPanel);
+    ClipWindow clipWindow(clipboardPanel, clipboard, defaults, workspace);
+    clipboardPanel.window = &clipWindow;
+    clipboardPanel.desktop = [&workspace] {
+        PanelDesktop desktop;
+        desktop.cursor = QCursor::pos();
+        if (QScreen *primary = QGuiApplication::primaryScreen())
+            desktop.screens.push_back(primary->availableGeometry());
+        for (QScreen *screen : QGuiApplication::screens())
+            if (screen != QGuiApplication::primaryScreen())
+                desktop.screens.push_back(screen->availableGeometry());
+        if (const auto front = workspace.activeWindow())
+            desktop.frontWindow = workspace.windowFrame(*front);
+        return desktop;
+    };
+    std::optional<quint32> frontWindow;
+    clipboardPanel.rememberFront = [&workspace, &frontWindow] { frontWindow = workspace.activeWindow(); };
+    clipboardPanel.restoreFront = [&workspace, &frontWindow, &hotKeys] {
+        if (frontWindow)
+            workspace.activateWindow(*frontWindow, hotKeys.lastPressTime());
+    };
+    clipboardPanel.message = [](const QString &text) { log(QStringLiteral("clipboard panel: ") + text); };
+    clipboard.togglePanel = [&clipboardPanel] { clipboardPanel.toggle(); };
 
     AppShortcuts appShortcuts(defaults, hotKeys, workspace, [&clipboard] {
         std::vector<std::pair<QString, KeyCombo>> owners;
@@ -197,6 +223,11 @@ int main(int argc, char **argv)
 
     AppDelegate delegate(clock, model, chat, notifier, opener, appShortcuts, diagnostics, updates);
     delegate.clipboard = &clipboard;
+    delegate.clipboardPanel = &clipboardPanel;
+    clipboardPanel.settings = [&opener] {
+        if (opener.settings)
+            opener.settings();
+    };
     QObject::connect(&model, &AppModel::setupWanted, &delegate, &AppDelegate::showSetup);
     QObject::connect(&model, &AppModel::childFailed, &diagnostics,
                      [&diagnostics](const QString &name, int status, bool signal, const QString &tail) {

@@ -5,6 +5,7 @@
 #include "base/Job.h"
 #include "chat/ChatModel.h"
 #include "clipboard/ClipboardHistory.h"
+#include "clipboard/ClipboardPanel.h"
 #include "diagnostics/Diagnostics.h"
 #include "install/Updates.h"
 #include "link/AppModel.h"
@@ -92,6 +93,17 @@ void AppDelegate::openSettingsIfAsked(const QStringList &arguments)
 {
     if (has(arguments, QStringLiteral("--settings")) && m_opener.settings)
         m_opener.settings();
+    if (has(arguments, QStringLiteral("--clipboard")) && clipboardPanel)
+        m_clipboardOpening = Job::start([this](CancelToken token) { return openClipboardSoon(std::move(token)); },
+                                        QStringLiteral("Opening the clipboard panel"));
+}
+
+QCoro::Task<void> AppDelegate::openClipboardSoon(CancelToken token)
+{
+    QPointer<AppDelegate> self(this);
+    const bool waited = co_await m_clock.sleep(1.0, token);
+    if (waited && self && clipboardPanel)
+        clipboardPanel->show();
 }
 
 QCoro::Task<void> AppDelegate::checkMinimumForever(CancelToken token)
@@ -111,6 +123,7 @@ QCoro::Task<void> AppDelegate::checkMinimumForever(CancelToken token)
 void AppDelegate::applicationWillTerminate()
 {
     m_minimumCheck.cancel();
+    m_clipboardOpening.cancel();
     if (clipboard)
         clipboard->quit(); // unpinned clips go when the person asked for that
     m_diagnostics.stop();

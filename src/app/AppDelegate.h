@@ -12,6 +12,7 @@ class AppModel;
 class AppShortcuts;
 class ChatModel;
 class ClipboardHistory;
+class ClipboardPanel;
 class Clock;
 class Notifier;
 class WindowOpener;
@@ -48,10 +49,13 @@ public:
 
     // Started at launch and cleared at quit, where there is one.
     ClipboardHistory *clipboard = nullptr;
+    // Opened by "--clipboard", a second after launch.
+    ClipboardPanel *clipboardPanel = nullptr;
 
 private:
     void logPairing();
     void openSettingsIfAsked(const QStringList &arguments);
+    QCoro::Task<void> openClipboardSoon(CancelToken token);
     QCoro::Task<void> checkMinimumForever(CancelToken token);
 
     Clock &m_clock;
@@ -62,6 +66,7 @@ private:
     Diagnostics &m_diagnostics;
     Updates &m_updates;
     Job m_minimumCheck;
+    Job m_clipboardOpening;
 };
 
 } // namespace zuv

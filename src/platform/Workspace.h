@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QRect>
 #include <QString>
 
 #include <optional>
@@ -29,6 +30,12 @@ public:
 
     // The desktop id of the application whose window is active, when it can be told.
     virtual std::optional<QString> frontmost() const = 0;
+    // The window that has the keyboard, to be given it back later.
+    virtual std::optional<quint32> activeWindow() const = 0;
+    // Gives a window the keyboard again; false when it is gone.
+    virtual bool activateWindow(quint32 window, quint32 time) = 0;
+    // Where a window is on the screen, its frame included.
+    virtual std::optional<QRect> windowFrame(quint32 window) const = 0;
     // The desktop id of the application a process belongs to, when it can be told.
     virtual std::optional<QString> applicationOfProcess(qint64 pid) const = 0;
     // Brings a window of the application forward; false when it has none.

@@ -37,6 +37,20 @@ public:
     }
     std::vector<App> installed() const override { return apps; }
     std::optional<QString> frontmost() const override { return front; }
+    std::optional<quint32> active;
+    std::map<quint32, QRect> frames;
+    std::optional<quint32> activeWindow() const override { return active; }
+    bool activateWindow(quint32 window, quint32 time) override
+    {
+        calls << QStringLiteral("activate window %1 %2").arg(window).arg(time);
+        active = window;
+        return true;
+    }
+    std::optional<QRect> windowFrame(quint32 window) const override
+    {
+        const auto it = frames.find(window);
+        return it == frames.end() ? std::nullopt : std::optional<QRect>(it->second);
+    }
     std::optional<QString> applicationOfProcess(qint64 pid) const override
     {
         const auto it = processes.find(pid);

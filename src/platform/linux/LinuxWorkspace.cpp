@@ -235,6 +235,51 @@ std::optional<QString> LinuxWorkspace::applicationOfProcess(qint64 pid) const
     return match(facts, entries());
 }
 
+std::optional<quint32> LinuxWorkspace::activeWindow() const
+{
+    if (!m_connection)
+        return std::nullopt;
+    const auto active = windows(property(m_connection, m_root, atom("_NET_ACTIVE_WINDOW"), XCB_ATOM_WINDOW));
+    if (active.empty() || !active[0])
+        return std::nullopt;
+    return active[0];
+}
+
+bool LinuxWorkspace::activateWindow(quint32 window, quint32 time)
+{
+    if (!m_connection)
+        return false;
+    xcb::Reply<xcb_get_window_attributes_reply_t> alive(
+        xcb_get_window_attributes_reply(m_connection, xcb_get_window_attributes(m_connection, window), nullptr));
+    if (!alive)
+        return false;
+    // Source 2: on the person's behalf, as a pager would.
+    message(window, atom("_NET_ACTIVE_WINDOW"), {2, time, 0, 0, 0});
+    xcb_flush(m_connection);
+    return true;
+}
+
+std::optional<QRect> LinuxWorkspace::windowFrame(quint32 window) const
+{
+    if (!m_connection)
+        return std::nullopt;
+    xcb::Reply<xcb_get_geometry_reply_t> geometry(
+        xcb_get_geometry_reply(m_connection, xcb_get_geometry(m_connection, window), nullptr));
+    xcb::Reply<xcb_translate_coordinates_reply_t> at(xcb_translate_coordinates_reply(
+        m_connection, xcb_translate_coordinates(m_connection, window, m_root, 0, 0), nullptr));
+    if (!geometry || !at)
+        return std::nullopt;
+    QRect frame(at->dst_x, at->dst_y, geometry->width, geometry->height);
+    // The window manager's decorations: left, right, top, bottom.
+    const QByteArray extents = property(m_connection, window, atom("_NET_FRAME_EXTENTS"), XCB_ATOM_CARDINAL);
+    if (extents.size() == 16) {
+        quint32 e[4];
+        memcpy(e, extents.constData(), 16);
+        frame.adjust(-int(e[0]), -int(e[2]), int(e[1]), int(e[3]));
+    }
+    return frame;
+}
+
 std::vector<quint32> LinuxWorkspace::windowsOf(const QString &id) const
 {
     std::vector<quint32> out;

@@ -40,6 +40,9 @@ public:
     std::vector<App> installed() const override;
     std::optional<QString> frontmost() const override;
     std::optional<QString> applicationOfProcess(qint64 pid) const override;
+    std::optional<quint32> activeWindow() const override;
+    bool activateWindow(quint32 window, quint32 time) override;
+    std::optional<QRect> windowFrame(quint32 window) const override;
     bool activate(const QString &id, quint32 time) override;
     bool hide(const QString &id) override;
     QString launch(const App &app, quint32 time) override;
