@@ -50,13 +50,29 @@ void showInFileManager(const QStringList &paths)
         QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(paths.first()).absolutePath()));
 }
 
+// A footer row: its label on the left, its shortcut on the right.
 QPushButton *footerRow(QWidget *parent)
 {
     auto *row = new QPushButton(parent);
     row->setFlat(true);
     row->setFocusPolicy(Qt::NoFocus);
-    row->setStyleSheet(QStringLiteral("QPushButton { text-align: left; padding: 3px 10px; }"));
+    row->setFixedHeight(24);
+    auto *layout = new QHBoxLayout(row);
+    layout->setContentsMargins(10, 0, 10, 0);
+    for (const char *name : {"label", "shortcut"}) {
+        auto *text = new QLabel(row);
+        text->setObjectName(QLatin1String(name));
+        text->setAttribute(Qt::WA_TransparentForMouseEvents);
+        layout->addWidget(text, name[0] == 'l' ? 1 : 0);
+    }
+    row->findChild<QLabel *>(QStringLiteral("shortcut"))->setForegroundRole(QPalette::PlaceholderText);
     return row;
+}
+
+void setFooterText(QPushButton *row, const QString &label, const QString &shortcut)
+{
+    row->findChild<QLabel *>(QStringLiteral("label"))->setText(label);
+    row->findChild<QLabel *>(QStringLiteral("shortcut"))->setText(shortcut);
 }
 
 } // namespace
@@ -95,7 +111,10 @@ ClipWindow::ClipWindow(ClipboardPanel &panel, ClipboardHistory &history, Default
         if (*clip->app == QLatin1String("zuv.iphone"))
             return QIcon::fromTheme(QStringLiteral("phone"));
         const auto app = m_workspace.application(*clip->app);
-        return app ? QIcon::fromTheme(app->icon) : QIcon();
+        if (!app || app->icon.isEmpty())
+            return QIcon();
+        // An entry names an icon of the theme, or a file.
+        return app->icon.startsWith(QLatin1Char('/')) ? QIcon(app->icon) : QIcon::fromTheme(app->icon);
     };
     m_list->setItemDelegate(m_delegate);
     m_list->setSelectionMode(QAbstractItemView::NoSelection);
@@ -151,7 +170,9 @@ ClipWindow::ClipWindow(ClipboardPanel &panel, ClipboardHistory &history, Default
     footer->addWidget(m_pause);
     footer->addWidget(m_settings);
     layout->addWidget(m_footer);
-    layout->addWidget(new QSizeGrip(this), 0, Qt::AlignBottom | Qt::AlignRight);
+    // Over the corner, outside the layout, so that it costs no height.
+    m_grip = new QSizeGrip(this);
+    m_grip->resize(m_grip->sizeHint());
 
     m_preview = new ClipPreview(panel, history, workspace);
     m_search->installEventFilter(this);
@@ -253,13 +274,15 @@ void ClipWindow::updateFooter()
 {
     const Qt::KeyboardModifiers held = m_panel.state().flags;
     m_footer->setVisible(m_defaults.boolean(QStringLiteral("clip-footer")).valueOr(true));
-    m_clear->setText(held & Qt::ShiftModifier ? tr("Clear All, Including Pinned\tShift+Ctrl+Alt+Backspace")
-                                              : tr("Clear\tCtrl+Alt+Backspace"));
-    if (m_history.paused())
-        m_pause->setText(tr("Resume Recording"));
+    if (held & Qt::ShiftModifier)
+        setFooterText(m_clear, tr("Clear All, Including Pinned"), tr("Shift+Ctrl+Alt+Backspace"));
     else
-        m_pause->setText(held & Qt::AltModifier ? tr("Ignore Next Copy") : tr("Pause Recording"));
-    m_settings->setText(tr("Clipboard Settings…\tCtrl+,"));
+        setFooterText(m_clear, tr("Clear"), tr("Ctrl+Alt+Backspace"));
+    if (m_history.paused())
+        setFooterText(m_pause, tr("Resume Recording"), QString());
+    else
+        setFooterText(m_pause, held & Qt::AltModifier ? tr("Ignore Next Copy") : tr("Pause Recording"), QString());
+    setFooterText(m_settings, tr("Clipboard Settings…"), tr("Ctrl+,"));
     m_paused->setVisible(m_history.paused());
 }
 
@@ -390,6 +413,8 @@ bool ClipWindow::eventFilter(QObject *watched, QEvent *event)
 
 bool ClipWindow::event(QEvent *event)
 {
+    if (event->type() == QEvent::Resize)
+        m_grip->move(width() - m_grip->width(), height() - m_grip->height());
     if (event->type() == QEvent::Resize && !m_placing && QWidget::isVisible()
         && QGuiApplication::mouseButtons() != Qt::NoButton)
         m_panel.resized(geometry());

@@ -9,6 +9,7 @@ class QLabel;
 class QLineEdit;
 class QListView;
 class QPushButton;
+class QSizeGrip;
 
 namespace zuv {
 
@@ -74,6 +75,7 @@ private:
     QPushButton *m_pause;
     QPushButton *m_settings;
     ClipPreview *m_preview;
+    QSizeGrip *m_grip;
     QString m_shownQuery;
     bool m_dirty = true;
     bool m_placing = false;
