@@ -34,6 +34,8 @@ public:
     virtual std::optional<quint32> activeWindow() const = 0;
     // Gives a window the keyboard again; false when it is gone.
     virtual bool activateWindow(quint32 window, quint32 time) = 0;
+    // Asks the window manager to leave a shown window of ours out of the taskbar and pager.
+    virtual void keepOutOfTaskbar(quint32 window) = 0;
     // Where a window is on the screen, its frame included.
     virtual std::optional<QRect> windowFrame(quint32 window) const = 0;
     // The desktop id of the application a process belongs to, when it can be told.

@@ -24,6 +24,10 @@
 #include <QProcess>
 #include <QWindow>
 
+#include <xcb/xcb.h>
+
+#include <cstring>
+
 using namespace zuv;
 
 namespace {
@@ -33,6 +37,27 @@ bool xdotool(const QStringList &arguments)
     QProcess p;
     p.start(QStringLiteral("xdotool"), arguments);
     return p.waitForFinished(10000) && p.exitCode() == 0;
+}
+
+// The names of the atoms in a window's property, as the window manager reads them.
+QStringList atoms(WId window, const char *property)
+{
+    QStringList out;
+    xcb_connection_t *c = xcb_connect(nullptr, nullptr);
+    auto *name = xcb_intern_atom_reply(c, xcb_intern_atom(c, 0, uint16_t(strlen(property)), property), nullptr);
+    auto *value = xcb_get_property_reply(c, xcb_get_property(c, 0, xcb_window_t(window), name->atom, XCB_ATOM_ATOM, 0, 64), nullptr);
+    if (value) {
+        const auto *list = static_cast<const xcb_atom_t *>(xcb_get_property_value(value));
+        for (int i = 0; i < xcb_get_property_value_length(value) / 4; ++i) {
+            auto *n = xcb_get_atom_name_reply(c, xcb_get_atom_name(c, list[i]), nullptr);
+            out << QString::fromLatin1(xcb_get_atom_name_name(n), xcb_get_atom_name_name_length(n));
+            free(n);
+        }
+    }
+    free(value);
+    free(name);
+    xcb_disconnect(c);
+    return out;
 }
 
 // A window of another kind that pastes what Ctrl+V brings.
@@ -93,6 +118,11 @@ TEST(ClipWindow, theShortcutOpensItTypingFiltersAndReturnPastesIntoTheWindowInFr
     ASSERT_TRUE(xdotool({"key", "super+shift+c"}));
     ASSERT_TRUE(test::waitUntil([&] { return window.isVisible() && window.isActiveWindow(); }));
     EXPECT_EQ(window.model().rowCount(), 3);
+    // A utility window, out of the taskbar.
+    EXPECT_TRUE(atoms(window.winId(), "_NET_WM_WINDOW_TYPE").contains("_NET_WM_WINDOW_TYPE_UTILITY"));
+    EXPECT_TRUE(test::waitUntil([&] {
+        return atoms(window.winId(), "_NET_WM_STATE").contains("_NET_WM_STATE_SKIP_TASKBAR");
+    }));
 
     ASSERT_TRUE(xdotool({"type", "gamma"}));
     ASSERT_TRUE(test::waitUntil([&] { return panel.state().query == "gamma"; }));
@@ -116,6 +146,9 @@ TEST(ClipWindow, theShortcutOpensItTypingFiltersAndReturnPastesIntoTheWindowInFr
     ASSERT_TRUE(xdotool({"key", "super+shift+c"}));
     ASSERT_TRUE(test::waitUntil([&] { return window.isActiveWindow(); }));
     EXPECT_TRUE(window.searchField()->text().isEmpty()); // a fresh opening
+    EXPECT_TRUE(test::waitUntil([&] {
+        return atoms(window.winId(), "_NET_WM_STATE").contains("_NET_WM_STATE_SKIP_TASKBAR");
+    }));
     ASSERT_TRUE(xdotool({"key", "Escape"}));
     ASSERT_TRUE(test::waitUntil([&] { return !window.isVisible() && target.isActive(); }));
     EXPECT_TRUE(test::waitUntil([&] { return workspace.activeWindow() == targetWindow; }));

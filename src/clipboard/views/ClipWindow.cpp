@@ -202,6 +202,8 @@ void ClipWindow::present(const QRect &frame)
     m_dirty = true;
     refresh();
     show();
+    // At each showing: Qt writes the window's state afresh when it maps it.
+    m_workspace.keepOutOfTaskbar(quint32(winId()));
     raise();
     activateWindow();
     m_search->setFocus();

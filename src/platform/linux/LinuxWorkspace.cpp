@@ -259,6 +259,15 @@ bool LinuxWorkspace::activateWindow(quint32 window, quint32 time)
     return true;
 }
 
+void LinuxWorkspace::keepOutOfTaskbar(quint32 window)
+{
+    if (!m_connection)
+        return;
+    // 1: add, with the source 2 of a request on the person's behalf.
+    message(window, atom("_NET_WM_STATE"), {1, atom("_NET_WM_STATE_SKIP_TASKBAR"), atom("_NET_WM_STATE_SKIP_PAGER"), 2, 0});
+    xcb_flush(m_connection);
+}
+
 std::optional<QRect> LinuxWorkspace::windowFrame(quint32 window) const
 {
     if (!m_connection)

@@ -43,6 +43,7 @@ public:
     std::optional<quint32> activeWindow() const override;
     bool activateWindow(quint32 window, quint32 time) override;
     std::optional<QRect> windowFrame(quint32 window) const override;
+    void keepOutOfTaskbar(quint32 window) override;
     bool activate(const QString &id, quint32 time) override;
     bool hide(const QString &id) override;
     QString launch(const App &app, quint32 time) override;
