@@ -26,6 +26,23 @@ QCoro::Task<void> pictureFor(QPointer<ClipPreview> self, ClipboardHistory *histo
         done(*preview);
 }
 
+// As much of a text as a preview can lay out at once: a very long text is cut,
+// and says so; the whole of it is still what Copy and Paste use.
+QString shown(const QString &text)
+{
+    constexpr qsizetype characters = 20'000;
+    constexpr int lines = 1'000;
+    qsizetype end = std::min(text.size(), characters);
+    int count = 0;
+    for (qsizetype i = 0; i < end; ++i) {
+        if (text.at(i) == QLatin1Char('\n') && ++count == lines) {
+            end = i;
+            break;
+        }
+    }
+    return end < text.size() ? text.left(end) + QStringLiteral("\n…") : text;
+}
+
 QString when(double seconds)
 {
     return QLocale().toString(QDateTime::fromMSecsSinceEpoch(qint64(seconds * 1000)), QLocale::ShortFormat);
@@ -92,8 +109,7 @@ void ClipPreview::showClip(const Clip &clip)
     m_copyText->setVisible(image && !clip.text.isEmpty());
     m_text->setVisible(!image || !clip.text.isEmpty());
     if (!same) {
-        // Long texts are shown as they are, without layout of rich text.
-        m_text->setPlainText(image ? clip.text : m_history.fullText(clip).left(200'000));
+        m_text->setPlainText(image ? clip.text : shown(m_history.fullText(clip)));
         m_picture->clear();
     }
     if (image && (!same || m_picture->pixmap().isNull())) {
