@@ -185,6 +185,8 @@ ClipWindow::ClipWindow(ClipboardPanel &panel, ClipboardHistory &history, Default
             const QWindow *now = QGuiApplication::focusWindow();
             if (now && (now == windowHandle() || now == m_preview->windowHandle()))
                 return;
+            if (QApplication::activePopupWidget())
+                return; // a menu of the panel's own
             Q_UNUSED(focus);
             if (QWidget::isVisible())
                 m_panel.focusLost();
