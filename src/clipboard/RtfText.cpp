@@ -147,7 +147,8 @@ QString plain(const QByteArray &rtf)
         const qsizetype wordStart = i;
         while (i < n && i - wordStart < 32 && ((rtf.at(i) >= 'a' && rtf.at(i) <= 'z') || (rtf.at(i) >= 'A' && rtf.at(i) <= 'Z')))
             ++i;
-        const QByteArray word = rtf.mid(wordStart, i - wordStart);
+        // A view into the input, not a copy: a document is mostly control words.
+        const QByteArray word = QByteArray::fromRawData(rtf.constData() + wordStart, i - wordStart);
         bool hasParameter = false;
         long parameter = 0;
         bool negative = false;
