@@ -184,6 +184,10 @@ int main(int argc, char **argv)
     };
     clipboardPanel.message = [](const QString &text) { log(QStringLiteral("clipboard panel: ") + text); };
     clipboard.togglePanel = [&clipboardPanel] { clipboardPanel.toggle(); };
+    // The chat window comes with its own change; until then a hand-over is logged.
+    clipboard.handoff = [](const QString &text, const std::vector<OutgoingFile> &files) {
+        log(QStringLiteral("would ask Zuv in the chat about %1 characters and %2 files").arg(text.size()).arg(files.size()));
+    };
 
     AppShortcuts appShortcuts(defaults, hotKeys, workspace, [&clipboard] {
         std::vector<std::pair<QString, KeyCombo>> owners;

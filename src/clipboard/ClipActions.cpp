@@ -7,6 +7,7 @@
 #include "clipboard/ClipRules.h"
 #include "clipboard/ClipStore.h"
 #include "clipboard/RtfText.h"
+#include "chat/OutgoingFile.h"
 
 #include <QBuffer>
 #include <QImageReader>
@@ -313,6 +314,38 @@ QCoro::Task<std::optional<ClipboardHistory::PictureFile>> ClipboardHistory::pict
         return PictureFile{png, QStringLiteral("png")};
     });
     co_return co_await future;
+}
+
+QCoro::Task<void> ClipboardHistory::askZuv(Clip clip)
+{
+    QPointer<ClipboardHistory> self(this);
+    if (clip.kind == Clip::Kind::text) {
+        if (handoff)
+            handoff(fullText(clip), {});
+        co_return;
+    }
+    if (clip.kind == Clip::Kind::files) {
+        std::vector<OutgoingFile> files;
+        for (const QString &path : clip.text.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+            files.emplace_back(path);
+        if (handoff)
+            handoff(QString(), files);
+        co_return;
+    }
+    const auto preview = co_await previewImage(clip);
+    if (!self || !preview)
+        co_return;
+    QByteArray png;
+    QBuffer buffer(&png);
+    buffer.open(QIODevice::WriteOnly);
+    if (!preview->image.save(&buffer, "PNG"))
+        co_return;
+    auto file = OutgoingFile::image(png);
+    if (!file)
+        co_return; // nothing said: the picture could not be written
+    file->name = QStringLiteral("Clipboard.png");
+    if (handoff)
+        handoff(QString(), {*file});
 }
 
 } // namespace zuv

@@ -24,6 +24,7 @@ namespace zuv {
 
 class ClipStore;
 class Clock;
+struct OutgoingFile;
 class Defaults;
 class HotKeys;
 class Workspace;
@@ -83,6 +84,8 @@ public:
     // Posts the paste keys; none where they cannot be posted.
     PastePoster *poster = nullptr;
     std::function<void()> beep;
+    // Hands a text and files to the chat, to ask about them.
+    std::function<void(const QString &, const std::vector<OutgoingFile> &)> handoff;
 
     void start();
     void check();
@@ -111,6 +114,8 @@ public:
     QCoro::Task<std::optional<Preview>> previewImage(Clip clip);
     QCoro::Task<std::optional<QByteArray>> image(Clip clip);
     QCoro::Task<std::optional<PictureFile>> pictureFile(qint64 id);
+    // Gives the clip to the chat: its text, its files, or its picture as a PNG.
+    QCoro::Task<void> askZuv(Clip clip);
 
     // Scales the picture in `data` so that its longest side is at most `side`,
     // with its orientation applied; none when it does not decode. Safe on any thread.

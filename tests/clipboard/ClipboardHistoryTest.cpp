@@ -5,6 +5,7 @@
 #include "base/Clock.h"
 #include "base/Defaults.h"
 #include "clipboard/ClipRules.h"
+#include "chat/OutgoingFile.h"
 #include "clipboard/ClipStore.h"
 #include "shortcuts/HotKeys.h"
 #include "FakeHotKeyService.h"
@@ -432,4 +433,35 @@ TEST(ClipboardHistory, theShortcutIsHeldOnlyWhileTheHistoryRunsAndTogglesThePane
     EXPECT_EQ(service.grabbed.begin()->second.first, 40u);
     history.setEnabled(false);
     EXPECT_TRUE(service.grabbed.empty());
+}
+
+TEST(ClipboardHistory, askingZuvHandsOverTheTextTheFilesOrThePictureAsPng)
+{
+    History h;
+    QString said;
+    std::vector<OutgoingFile> files;
+    h.history.handoff = [&](const QString &t, const std::vector<OutgoingFile> &f) {
+        said = t;
+        files = f;
+    };
+    const QString longText = QString(3000, 'z');
+    h.copy({text(longText)});
+    test::await(h.history.askZuv(h.history.clips()[0]));
+    EXPECT_EQ(said, longText); // whole, not the first 1000 characters
+    EXPECT_TRUE(files.empty());
+
+    h.copy({{{ClipRules::fileURL, "file:///etc/hostname"}}, {{ClipRules::fileURL, "file:///tmp/notes.md"}}});
+    test::await(h.history.askZuv(h.history.clips()[0]));
+    EXPECT_TRUE(said.isEmpty());
+    ASSERT_EQ(files.size(), 2u);
+    EXPECT_EQ(files[0].path, "/etc/hostname");
+    EXPECT_EQ(files[1].name, "notes.md");
+
+    h.copy({{{"image/png", png(30, 20)}}});
+    test::await(h.history.askZuv(h.history.clips()[0]));
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(files[0].name, "Clipboard.png");
+    EXPECT_EQ(files[0].mime, "image/png");
+    EXPECT_EQ(QImage(files[0].path).size(), QSize(30, 20));
+    files[0].discard();
 }

@@ -155,8 +155,8 @@ TEST(ClipWindow, theShortcutOpensItTypingFiltersAndReturnPastesIntoTheWindowInFr
 
     // The menu of each kind of clip.
     EXPECT_EQ(window.menuLabels(history.clips()[0].id),
-              (QStringList{"Copy", "Paste", "Paste Without Formatting", "Pin", "Delete"}));
+              (QStringList{"Copy", "Paste", "Paste Without Formatting", "Pin", "Delete", "Ask Zuv About This…"}));
     history.record({{ClipRules::fileURL, QByteArray("file:///tmp/a.txt")}}, std::nullopt, clock.now() + 5);
     EXPECT_EQ(window.menuLabels(history.clips()[0].id),
-              (QStringList{"Copy", "Paste", "Pin", "Delete", "Show in File Manager"}));
+              (QStringList{"Copy", "Paste", "Pin", "Delete", "Ask Zuv About This…", "Show in File Manager"}));
 }

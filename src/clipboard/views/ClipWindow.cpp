@@ -1,6 +1,7 @@
 #include "clipboard/views/ClipWindow.h"
 
 #include "base/Defaults.h"
+#include "base/Job.h"
 #include "clipboard/views/ClipPreview.h"
 #include "clipboard/views/ClipRowDelegate.h"
 #include "platform/Workspace.h"
@@ -341,6 +342,10 @@ void ClipWindow::buildMenu(QMenu &menu, const Clip &clip)
         });
     menu.addAction(clip.pin ? tr("Unpin") : tr("Pin"), this, [this, clip] { m_history.togglePin(clip.id); });
     menu.addAction(tr("Delete"), this, [this, clip] { m_panel.remove(clip, m_model.rows()); });
+    menu.addAction(tr("Ask Zuv About This…"), this, [this, clip] {
+        m_panel.close();
+        spawn(m_history.askZuv(clip), QStringLiteral("Asking Zuv about a clip"));
+    });
     if (clip.kind == Clip::Kind::files)
         menu.addAction(tr("Show in File Manager"), this, [this, clip] {
             m_panel.close();
