@@ -9,6 +9,7 @@
 #include "clipboard/ClipStore.h"
 #include "clipboard/ClipboardHistory.h"
 #include "clipboard/RtfText.h"
+#include "platform/linux/LinuxWorkspace.h"
 #include "platform/linux/RealClock.h"
 #include "platform/linux/X11Pasteboard.h"
 #include "FakePasteboard.h"
@@ -135,7 +136,7 @@ double copyToStored(const QString &folder)
 {
     RealClock clock;
     Defaults defaults(folder + "/defaults.json");
-    test::FakeWorkspace workspace;
+    LinuxWorkspace workspace; // as the app asks who copied
     X11Pasteboard pasteboard;
     ClipboardHistory history(clock, defaults, pasteboard, workspace, nullptr, folder);
     history.setEnabled(true);

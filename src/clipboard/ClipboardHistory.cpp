@@ -237,12 +237,11 @@ void ClipboardHistory::check()
         return;
     }
     m_captureTimes.push_back(now);
-    const std::optional<QString> frontmost = m_workspace.frontmost();
-    m_capture = Job::start([this, count, frontmost](CancelToken token) { return capture(count, frontmost, std::move(token)); },
+    m_capture = Job::start([this, count](CancelToken token) { return capture(count, std::move(token)); },
                            QStringLiteral("Reading the clipboard"));
 }
 
-QCoro::Task<void> ClipboardHistory::capture(qint64 changeCount, std::optional<QString> frontmost, CancelToken token)
+QCoro::Task<void> ClipboardHistory::capture(qint64 changeCount, CancelToken token)
 {
     QPointer<ClipboardHistory> self(this);
     for (int attempt = 0;; ++attempt) {
@@ -260,11 +259,13 @@ QCoro::Task<void> ClipboardHistory::capture(qint64 changeCount, std::optional<QS
         if (offer.outcome != Pasteboard::Outcome::read || offer.changeCount != changeCount)
             co_return;
 
+        // Who copied: the owner's process, else the window in front (asked only
+        // then: it walks the desktop's entries).
         std::optional<QString> app;
         if (offer.ownerPid)
             app = m_workspace.applicationOfProcess(*offer.ownerPid);
         if (!app)
-            app = frontmost;
+            app = m_workspace.frontmost();
         if (ClipRules::ignored(app, strings(m_defaults.array(QStringLiteral("clip-ignored-apps")).valueOr({})),
                                m_defaults.boolean(QStringLiteral("clip-only-listed-apps")).valueOr(false)))
             co_return;

@@ -129,8 +129,7 @@ signals:
     void comboChanged();
 
 private:
-    struct Capture;
-    QCoro::Task<void> capture(qint64 changeCount, std::optional<QString> frontmost, CancelToken token);
+    QCoro::Task<void> capture(qint64 changeCount, CancelToken token);
     QCoro::Task<void> poll(double interval, CancelToken token);
     QCoro::Task<void> later(double seconds, CancelToken token);
     void registerHotKey();
