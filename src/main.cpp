@@ -13,6 +13,7 @@
 #include "chat/ChatModel.h"
 #include "clipboard/ClipboardHistory.h"
 #include "clipboard/ClipboardPanel.h"
+#include "clipboard/RecognitionQueue.h"
 #include "clipboard/views/ClipWindow.h"
 #include "chat/OutgoingFile.h"
 #include "diagnostics/Diagnostics.h"
@@ -27,6 +28,7 @@
 #include "platform/linux/LauncherBadge.h"
 #include "platform/linux/LinuxWorkspace.h"
 #include "platform/linux/X11HotKeyService.h"
+#include "platform/linux/TesseractRecognizer.h"
 #include "platform/linux/X11Pasteboard.h"
 #include "platform/linux/X11PastePoster.h"
 #include "platform/linux/LinuxCrashSource.h"
@@ -159,6 +161,10 @@ int main(int argc, char **argv)
     ClipboardHistory clipboard(clock, defaults, pasteboard, workspace, &hotKeys, Paths::support());
     ClipboardHistory::setShared(&clipboard);
     clipboard.poster = &poster;
+    // Text in pictures: Tesseract in its helper, one picture at a time.
+    TesseractRecognizer recognizer(Paths::helpers() + QStringLiteral("/zuv-ocr"));
+    RecognitionQueue recognition(clipboard, recognizer);
+    clipboard.recognize = [&recognition] { recognition.start(); };
     clipboard.beep = [] { QApplication::beep(); };
     ClipboardPanel clipboardPanel(clock, defaults, clipboard);
     ClipboardPanel::setShared(&clipboardPanel);

@@ -343,7 +343,15 @@ void ClipboardHistory::sortAndTrim()
         emit clipsChanged();
 }
 
-void ClipboardHistory::recognitionDone() { m_recognizing = false; }
+void ClipboardHistory::recognitionDone()
+{
+    m_recognizing = false;
+    // Pictures copied while it ran skipped their own start.
+    if (m_store && recognize && !m_store->unrecognized().empty()) {
+        m_recognizing = true;
+        recognize();
+    }
+}
 
 void ClipboardHistory::setText(qint64 id, const QString &text)
 {

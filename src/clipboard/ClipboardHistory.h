@@ -73,6 +73,7 @@ public:
     std::optional<QString> setCombo(const std::optional<KeyCombo> &combo);
     bool importing() const { return m_importing; }
     ClipStore *store() const { return m_store.get(); }
+    std::shared_ptr<ClipStore> sharedStore() const { return m_store; }
     qint64 changeCount() const { return m_changeCount; }
 
     // Who else holds global shortcuts, asked by setCombo: an owner's name, or none.
@@ -91,7 +92,8 @@ public:
     void check();
     void record(const std::vector<ClipContent> &contents, const std::optional<QString> &app, double at);
     void sortAndTrim();
-    // The recognition queue's end, and the text it read in a picture.
+    // The recognition queue's end (it runs again for pictures copied meanwhile),
+    // and the text it read in a picture.
     void recognitionDone();
     void setText(qint64 id, const QString &text);
 

@@ -1,0 +1,11 @@
+// Entry of the text recognition tests: a GUI application offscreen, so that
+// pictures of text can be drawn with real fonts.
+#include "TestMain.h"
+
+#include <QGuiApplication>
+
+int main(int argc, char **argv)
+{
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    return zuv::test::runTests<QGuiApplication>(argc, argv);
+}
