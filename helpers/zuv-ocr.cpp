@@ -1,4 +1,4 @@
-// Reads the text in one picture with Tesseract, at the lowest priority.
+// Reads the text in one picture with Tesseract, at low priority.
 //
 //   zuv-ocr --list        the installed languages, one per line ("eng", "jpn", …)
 //   zuv-ocr LANGUAGES     the picture's bytes on standard input; its text, in
@@ -10,7 +10,6 @@
 #include <leptonica/allheaders.h>
 #include <tesseract/baseapi.h>
 
-#include <sched.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -27,9 +26,9 @@ namespace {
 void stayOutOfTheWay()
 {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
-    setpriority(PRIO_PROCESS, 0, 19);
-    sched_param idle{};
-    sched_setscheduler(0, SCHED_IDLE, &idle);
+    // Low, but not idle: an idle-class process can starve for minutes on a busy
+    // machine, and a picture is worth reading within its time.
+    setpriority(PRIO_PROCESS, 0, 10);
 #if !defined(__SANITIZE_ADDRESS__)
     // A picture that would take more than this is not worth the machine.
     const rlim_t limit = rlim_t(3) << 30;

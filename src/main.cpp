@@ -13,6 +13,7 @@
 #include "chat/ChatModel.h"
 #include "clipboard/ClipboardHistory.h"
 #include "clipboard/ClipboardPanel.h"
+#include "clipboard/ClipboardRemote.h"
 #include "clipboard/RecognitionQueue.h"
 #include "clipboard/views/ClipWindow.h"
 #include "chat/OutgoingFile.h"
@@ -190,6 +191,12 @@ int main(int argc, char **argv)
     };
     clipboardPanel.message = [](const QString &text) { log(QStringLiteral("clipboard panel: ") + text); };
     clipboard.togglePanel = [&clipboardPanel] { clipboardPanel.toggle(); };
+    // The phone's clipboard requests come as the agent's lines; answers go back on its input.
+    ClipboardRemote clipboardRemote(clipboard, workspace, ClipboardRemote::defaultOutbox(),
+                                    [&model](const QString &line) { return model.agent().send(line); });
+    AppModel::Hooks hooks = model.hooks();
+    hooks.clipboardAsk = [&clipboardRemote](const QString &line) { clipboardRemote.handle(line); };
+    model.setHooks(hooks);
     // The chat window comes with its own change; until then a hand-over is logged.
     clipboard.handoff = [](const QString &text, const std::vector<OutgoingFile> &files) {
         log(QStringLiteral("would ask Zuv in the chat about %1 characters and %2 files").arg(text.size()).arg(files.size()));

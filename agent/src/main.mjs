@@ -2,12 +2,15 @@
 // desktop app what happens through the lines it prints. The app reads these
 // markers anywhere in a line, with no escaping, so the agent prints only lines of
 // its own making: never a payload, a close reason or an error text from the hub.
-// Markers: "hub connected", "hub closed <code>", "claude-code {…}". Commands from
-// the app arrive as JSON lines on stdin; the end of stdin means the app is gone.
+// Markers: "hub connected", "hub closed <code>", "claude-code {…}",
+// "clipboard-ask {…}" (a JSON the agent builds from checked values). Commands
+// from the app arrive as JSON lines on stdin; the end of stdin means the app is
+// gone. The clipboard protocol with the hub is written down in agent/README.md.
 import { createRequire } from 'node:module';
 import { createInterface } from 'node:readline';
 import { accessSync, constants } from 'node:fs';
 import path from 'node:path';
+import { Clipboard } from './clipboard.mjs';
 
 const require = createRequire(import.meta.url);
 
@@ -104,13 +107,18 @@ function connect() {
   current.on('message', (data, isBinary) => {
     // Only the message's kind is told, never what it carries.
     let kind = null;
+    let message = null;
     if (!isBinary) {
       try {
-        const message = JSON.parse(String(data));
+        message = JSON.parse(String(data));
         kind = word(message && (message.type ?? message.kind));
       } catch {
         kind = null;
       }
+    }
+    if (kind === 'clipboard') {
+      clipboard.ask(message);
+      return;
     }
     say(kind ? `hub message ${kind}` : 'hub message');
   });
@@ -153,10 +161,23 @@ function retry() {
   }, delay);
 }
 
+// The phone's clipboard requests go to the app and its answers back to the hub.
+const clipboard = new Clipboard({
+  outbox: path.join(process.env.ZUV_WORK_DIR || '.', 'clipboard'),
+  say,
+  toHub: (reply) => {
+    if (socket && socket.readyState === WebSocket.OPEN) socket.send(JSON.stringify(reply));
+  },
+});
+
 const input = createInterface({ input: process.stdin });
 input.on('line', (line) => {
   try {
     const command = JSON.parse(line);
+    if (command && typeof command === 'object' && Number.isSafeInteger(command.clipboard)) {
+      clipboard.answered(command);
+      return;
+    }
     const keys = command && typeof command === 'object' ? Object.keys(command).map(word).filter(Boolean) : [];
     say(`command ${keys.join(',')}`);
   } catch {
@@ -169,6 +190,7 @@ input.on('close', () => stop());
 function stop() {
   if (stopping) return;
   stopping = true;
+  clipboard.stop();
   clearTimeout(retryTimer);
   stopHeartbeat();
   if (socket) socket.close(1000);

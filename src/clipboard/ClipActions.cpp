@@ -10,6 +10,8 @@
 #include "chat/OutgoingFile.h"
 
 #include <QBuffer>
+#include <QFile>
+#include <QFileInfo>
 #include <QImageReader>
 #include <QImageWriter>
 #include <QPointer>
@@ -147,6 +149,7 @@ void ClipboardHistory::remove(const std::vector<qint64> &ids)
         m_titles.remove(id);
         m_foldedTitles.remove(id);
         m_thumbnails.remove(id);
+        m_phoneThumbnails.remove(id);
     }
     emit clipsChanged();
 }
@@ -209,7 +212,8 @@ QString ClipboardHistory::fullText(const Clip &clip)
     const std::vector<ClipContent> rows = m_store->contents(clip.id);
     for (const QString &type : {ClipRules::plainText, ClipRules::plainTextBare}) {
         if (const ClipContent *c = row(rows, type)) {
-            QStringDecoder decoder(QStringDecoder::Utf8);
+            // Stateless, so that a sequence cut off at the end is an error too.
+            QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
             const QString text = decoder(c->data);
             if (!decoder.hasError())
                 return text;
@@ -346,6 +350,60 @@ QCoro::Task<void> ClipboardHistory::askZuv(Clip clip)
     file->name = QStringLiteral("Clipboard.png");
     if (handoff)
         handoff(QString(), {*file});
+}
+
+bool ClipboardHistory::addFromPhone(const QString &file, bool image)
+{
+    if (!m_store)
+        return false;
+    QFile in(file);
+    if (!in.open(QIODevice::ReadOnly))
+        return false;
+    const QByteArray bytes = in.read(Pasteboard::sizeLimit + 1);
+    if (bytes.isEmpty() || bytes.size() > Pasteboard::sizeLimit)
+        return false;
+    if (image) {
+        const QString extension = QFileInfo(file).suffix().toLower();
+        const QString type = extension == QLatin1String("png")    ? QStringLiteral("image/png")
+                           : extension == QLatin1String("heic") ? QStringLiteral("image/heic")
+                                                                 : QStringLiteral("image/jpeg");
+        record({ClipContent{type, bytes}}, QStringLiteral("zuv.iphone"), m_clock.now());
+        return true;
+    }
+    // Stateless, so that a sequence cut off at the end is an error too.
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    const QString text = decoder(bytes);
+    if (decoder.hasError() || text.isEmpty())
+        return false;
+    record({ClipContent{ClipRules::plainText, bytes}}, QStringLiteral("zuv.iphone"), m_clock.now());
+    return true;
+}
+
+QCoro::Task<std::optional<QByteArray>> ClipboardHistory::phoneThumbnail(Clip clip)
+{
+    if (QByteArray *cached = m_phoneThumbnails.object(clip.id))
+        co_return *cached;
+    std::shared_ptr<ClipStore> store = m_store;
+    if (!store)
+        co_return std::nullopt;
+    QPointer<ClipboardHistory> self(this);
+    const qint64 id = clip.id;
+    QFuture<std::optional<QByteArray>> future = QtConcurrent::run([store, id]() -> std::optional<QByteArray> {
+        const auto data = store->firstData(id, ClipRules::imageTypes());
+        const auto small = data ? scaled(*data, 360) : std::nullopt;
+        if (!small)
+            return std::nullopt;
+        QByteArray jpeg;
+        QBuffer buffer(&jpeg);
+        buffer.open(QIODevice::WriteOnly);
+        if (!small->image.save(&buffer, "JPEG", 60))
+            return std::nullopt;
+        return jpeg;
+    });
+    const auto jpeg = co_await future;
+    if (jpeg && self)
+        self->m_phoneThumbnails.insert(id, new QByteArray(*jpeg));
+    co_return jpeg;
 }
 
 } // namespace zuv

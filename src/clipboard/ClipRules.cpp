@@ -42,7 +42,8 @@ const ClipContent *row(const std::vector<ClipContent> &contents, const QString &
 
 std::optional<QString> utf8(const QByteArray &bytes)
 {
-    QStringDecoder decoder(QStringDecoder::Utf8);
+    // Stateless, so that a sequence cut off at the end is an error too.
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
     const QString text = decoder(bytes);
     if (decoder.hasError())
         return std::nullopt;

@@ -38,7 +38,7 @@ constexpr double retryDelays[] = {0.1, 0.4, 1.6};
 ClipboardHistory::ClipboardHistory(Clock &clock, Defaults &defaults, Pasteboard &pasteboard, Workspace &workspace,
                                    HotKeys *hotKeys, QString folder, QObject *parent)
     : QObject(parent), m_clock(clock), m_defaults(defaults), m_pasteboard(pasteboard), m_workspace(workspace),
-      m_hotKeys(hotKeys), m_folder(std::move(folder)), m_thumbnails(64)
+      m_hotKeys(hotKeys), m_folder(std::move(folder)), m_thumbnails(64), m_phoneThumbnails(256)
 {
     registerDefaults(defaults);
     m_enabled = defaults.boolean(QStringLiteral("clip-enabled")).valueOr(false);

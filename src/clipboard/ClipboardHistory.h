@@ -116,6 +116,10 @@ public:
     QCoro::Task<std::optional<Preview>> previewImage(Clip clip);
     QCoro::Task<std::optional<QByteArray>> image(Clip clip);
     QCoro::Task<std::optional<PictureFile>> pictureFile(qint64 id);
+    // A file the phone sent, as a clip of the phone's: a picture, or UTF-8 text.
+    bool addFromPhone(const QString &file, bool image);
+    // The picture at 360 pixels as JPEG, for the phone; cached.
+    QCoro::Task<std::optional<QByteArray>> phoneThumbnail(Clip clip);
     // Gives the clip to the chat: its text, its files, or its picture as a PNG.
     QCoro::Task<void> askZuv(Clip clip);
 
@@ -161,6 +165,7 @@ private:
     QHash<qint64, ClipSearch::Folded> m_foldedTitles;
     bool m_recognizing = false;
     QCache<qint64, QImage> m_thumbnails;
+    QCache<qint64, QByteArray> m_phoneThumbnails;
 
     Job m_capture;      // the read of the latest change
     Job m_deferred;     // a check put off by the storm limit

@@ -82,6 +82,8 @@ TEST(ClipRules, kindTextAndKeyOfACopy)
     EXPECT_EQ(plain->key, "text:185f8db32271fe25f561a6fc938b2e26") << "SHA-256, first 16 bytes in hex";
     EXPECT_EQ(describe({{"text/plain", "Hello"}})->key, plain->key) << "plain text without a charset reads the same";
     EXPECT_EQ(describe({{html, "<b>Hello</b>"}, text("Hello")})->key, plain->key) << "styled and plain are one clip";
+    EXPECT_FALSE(describe({{ClipRules::plainText, "caf\xe9"}})) << "UTF-8 cut off at the end is no text";
+    EXPECT_EQ(describe({{ClipRules::plainText, "caf\xe9"}, {html, "caf&amp;"}})->text, "caf&") << "the HTML serves then";
     EXPECT_EQ(describe({{html, "<p>a&amp;b&nbsp;&lt;c&gt;</p>"}})->text, " a&b <c> ");
     EXPECT_EQ(describe({{rtf, "{\\rtf1 Caf\\'e9}"}})->text, "Café");
     EXPECT_FALSE(describe({text("\xff\xfe")})) << "text that is no UTF-8 and nothing else";

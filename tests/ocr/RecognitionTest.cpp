@@ -151,8 +151,8 @@ TEST(Recognition, eachPictureIsReadOnceAndPicturesCopiedMeanwhileAreReadToo)
 
     // A clip deleted while its text is being read is dropped quietly.
     q.reader.answers["gone"] = "never shown";
-    q.reader.during = [&q] { q.history.remove({q.history.clips().front().id}); };
-    q.add("gone");
+    const qint64 gone = q.add("gone"); // the queue is now waiting for the store
+    q.reader.during = [&q, gone] { q.history.remove({gone}); };
     ASSERT_TRUE(test::waitUntil([&q] { return !q.queue.running() && q.unread() == 0; }));
     for (const Clip &c : q.history.clips())
         EXPECT_NE(c.text, "never shown");
@@ -160,7 +160,8 @@ TEST(Recognition, eachPictureIsReadOnceAndPicturesCopiedMeanwhileAreReadToo)
 
 TEST(Tesseract, readsEnglishAndJapaneseAndNothingFromEmptyOrBrokenPictures)
 {
-    TesseractRecognizer tesseract(QStringLiteral(ZUV_OCR));
+    // Its own time-out ends a run before the test's wait for it does.
+    TesseractRecognizer tesseract(QStringLiteral(ZUV_OCR), 20'000);
     const QStringList supported = test::await(tesseract.supportedLanguages());
     for (const char *code : {"en-US", "zh-Hans", "zh-Hant", "ja-JP", "ko-KR"})
         EXPECT_TRUE(supported.contains(code)) << code;

@@ -8,7 +8,7 @@
 
 namespace zuv {
 
-// Tesseract in the helper zuv-ocr, one picture per run, at the lowest priority
+// Tesseract in the helper zuv-ocr, one picture per run, at low priority
 // and with one thread. A run that crashes, fails or outlasts its time is killed
 // and reads as no text.
 class TesseractRecognizer final : public TextRecognizer {

@@ -1,0 +1,132 @@
+// The phone's clipboard requests end to end on this computer: the test hub sends
+// them to the real agent on node, which asks the app through its lines; the
+// answers come back to the hub. Files go through the real outbox.
+#include "clipboard/ClipRules.h"
+#include "clipboard/ClipboardHistory.h"
+#include "clipboard/ClipboardRemote.h"
+#include "link/AppModel.h"
+
+#include "FakePasteboard.h"
+#include "FakeWorkspace.h"
+#include "Fixture.h"
+#include "Support.h"
+
+#include <gtest/gtest.h>
+
+#include <QBuffer>
+#include <QDir>
+#include <QImage>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QWebSocket>
+
+#include <map>
+
+using namespace zuv;
+
+namespace {
+
+struct ClipboardAgentTest : ::testing::Test, test::HubFixture {
+    test::FakePasteboard pasteboard;
+    test::FakeWorkspace workspace;
+    std::unique_ptr<ClipboardHistory> history;
+    std::unique_ptr<AppModel> model;
+    std::unique_ptr<ClipboardRemote> remote;
+    QWebSocket *agent = nullptr;
+    std::map<int, QJsonObject> replies;
+
+    ClipboardAgentTest()
+    {
+        qputenv("HOME", home.path().toUtf8());
+        history = std::make_unique<ClipboardHistory>(clock, defaults, pasteboard, workspace, nullptr, home.file("data"));
+        history->setEnabled(true);
+        QObject::connect(&hub, &test::TestHub::socketConnected, [this](QWebSocket *s) {
+            agent = s;
+            QObject::connect(s, &QWebSocket::textMessageReceived, [this](const QString &m) {
+                const QJsonObject reply = QJsonDocument::fromJson(m.toUtf8()).object();
+                if (reply.value("type") == "clipboard-reply")
+                    replies[reply.value("id").toInt()] = reply;
+            });
+        });
+        keychain.setToken(QStringLiteral("agent-token"));
+        model = makeModel(AppModel::Locations{QStringLiteral(ZUV_BUILD_TREE) + "/libexec/zuv",
+                                              QStringLiteral(ZUV_BUILD_TREE) + "/share/zuv/agent", home.file("data"),
+                                              home.file("logs")});
+        remote = std::make_unique<ClipboardRemote>(*history, workspace, home.file("data/work/clipboard"),
+                                                   [this](const QString &line) { return model->agent().send(line); });
+        AppModel::Hooks hooks;
+        hooks.clipboardAsk = [this](const QString &line) { remote->handle(line); };
+        model->setHooks(hooks);
+    }
+    ~ClipboardAgentTest() override { model->stopChildren(); }
+
+    QJsonObject ask(int id, QJsonObject request)
+    {
+        request.insert("type", "clipboard");
+        request.insert("id", id);
+        agent->sendTextMessage(QString::fromUtf8(QJsonDocument(request).toJson(QJsonDocument::Compact)));
+        if (!test::waitUntil([&] { return replies.count(id) > 0; }, 10000))
+            return {};
+        return replies[id];
+    }
+};
+
+} // namespace
+
+TEST_F(ClipboardAgentTest, thePhoneListsAddsFetchesUsesPinsAndDeletesThroughTheRealAgent)
+{
+    model->startChildren();
+    ASSERT_TRUE(test::waitUntil([&] { return model->connected() && agent; }, 20000))
+        << test::readText(home.file("logs/agent.log")).toStdString();
+
+    // A text from the phone, with a name that tries to leave the outbox.
+    QJsonObject file{{"name", "../../escape.txt"}, {"data", QString::fromLatin1(QByteArray("from the phone").toBase64())}};
+    EXPECT_EQ(ask(1, {{"op", "add"}, {"file", file}}).value("result").toObject().value("ok").toBool(), true);
+    ASSERT_EQ(history->clips().size(), 1u);
+    EXPECT_EQ(history->clips()[0].text, "from the phone");
+    EXPECT_EQ(history->clips()[0].app, "zuv.iphone");
+    EXPECT_FALSE(QFile::exists(home.file("data/escape.txt")));
+    EXPECT_TRUE(QDir(home.file("data/work/clipboard")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).isEmpty())
+        << "the file is gone once added";
+
+    // A picture from the phone, then fetched back as data.
+    QImage image(40, 20, QImage::Format_RGB32);
+    image.fill(Qt::red);
+    QByteArray png;
+    QBuffer buffer(&png);
+    buffer.open(QIODevice::WriteOnly);
+    image.save(&buffer, "PNG");
+    clock.advance(1);
+    QJsonObject photo{{"name", "photo.png"}, {"data", QString::fromLatin1(png.toBase64())}};
+    EXPECT_TRUE(ask(2, {{"op", "add"}, {"image", true}, {"file", photo}}).value("result").toObject().value("ok").toBool());
+
+    const QJsonObject list = ask(3, {{"op", "list"}, {"limit", 500}}).value("result").toObject();
+    EXPECT_EQ(list.value("total").toInt(), 2);
+    const QJsonArray items = list.value("items").toArray();
+    ASSERT_EQ(items.size(), 2);
+    EXPECT_EQ(items[0]["kind"].toString(), "image");
+    EXPECT_FALSE(items[0]["thumb"].toString().isEmpty());
+    const qint64 picture = items[0]["id"].toInteger();
+    const qint64 text = items[1]["id"].toInteger();
+
+    const QJsonObject item = ask(4, {{"op", "item"}, {"clip", picture}}).value("result").toObject();
+    EXPECT_EQ(item.value("kind").toString(), "image");
+    EXPECT_EQ(QImage::fromData(QByteArray::fromBase64(item.value("data").toString().toLatin1())).size(), QSize(40, 20));
+    EXPECT_FALSE(item.contains("path")) << "no path of this computer goes to the phone";
+
+    EXPECT_TRUE(ask(5, {{"op", "use"}, {"clip", text}}).value("result").toObject().value("ok").toBool());
+    EXPECT_EQ(pasteboard.written.size(), 1u);
+    EXPECT_TRUE(ask(6, {{"op", "pin"}, {"clip", text}}).value("result").toObject().value("pinned").toBool());
+    EXPECT_TRUE(ask(7, {{"op", "delete"}, {"clip", text}}).value("result").toObject().value("ok").toBool());
+    EXPECT_EQ(ask(8, {{"op", "delete"}, {"clip", text}}).value("error").toString(),
+              "That item isn't in the clipboard history any more.");
+    EXPECT_EQ(ask(9, {{"op", "format-disk"}}).value("error").toString(), "unknown op");
+    EXPECT_EQ(ask(10, {{"op", "add"}}).value("error").toString(), "Nothing to add.");
+
+    // A burst: every request answered once.
+    for (int i = 100; i < 400; ++i) {
+        QJsonObject request{{"type", "clipboard"}, {"id", i}, {"op", "list"}, {"limit", 1}};
+        agent->sendTextMessage(QString::fromUtf8(QJsonDocument(request).toJson(QJsonDocument::Compact)));
+    }
+    ASSERT_TRUE(test::waitUntil([&] { return replies.size() == 10 + 300; }, 30000)) << replies.size();
+}
