@@ -170,27 +170,29 @@ TEST(Recognition, eachPictureIsReadOnceAndPicturesCopiedMeanwhileAreReadToo)
 
 TEST(Tesseract, readsEnglishAndJapaneseAndNothingFromEmptyOrBrokenPictures)
 {
-    // Its own time-out ends a run before the test's wait for it does.
-    TesseractRecognizer tesseract(QStringLiteral(ZUV_OCR), 20'000);
-    const QStringList supported = test::await(tesseract.supportedLanguages());
+    // On a loaded machine a run takes seconds: its own time-out, and the test's
+    // wait above that, leave room for it.
+    TesseractRecognizer tesseract(QStringLiteral(ZUV_OCR), 60'000);
+    constexpr int wait = 150'000;
+    const QStringList supported = test::await(tesseract.supportedLanguages(), wait);
     for (const char *code : {"en-US", "zh-Hans", "zh-Hant", "ja-JP", "ko-KR"})
         EXPECT_TRUE(supported.contains(code)) << code;
 
-    const QString english = test::await(tesseract.recognize(picture("Invoice 42 is paid"), {"en-US"}));
+    const QString english = test::await(tesseract.recognize(picture("Invoice 42 is paid"), {"en-US"}), wait);
     EXPECT_TRUE(english.contains("Invoice 42")) << english.toStdString();
 
     // A Western list with Japanese in it: the second pass favours Japanese.
     const QStringList languages = RecognitionQueue::textLanguages(supported, {"en-US", "ja-JP"});
     const QString japanese = test::await(RecognitionQueue::recognize(
-        tesseract, picture(QString::fromUtf8("日本語の文章です"), QStringLiteral("WenQuanYi Micro Hei")), languages));
+        tesseract, picture(QString::fromUtf8("日本語の文章です"), QStringLiteral("WenQuanYi Micro Hei")), languages), wait);
     EXPECT_TRUE(RecognitionQueue::eastAsian(japanese)) << japanese.toStdString();
     EXPECT_TRUE(japanese.contains(QString::fromUtf8("日本語"))) << japanese.toStdString();
 
     QImage white(400, 200, QImage::Format_RGB32);
     white.fill(Qt::white);
-    EXPECT_TRUE(test::await(tesseract.recognize(png(white), {"en-US"})).isEmpty());
-    EXPECT_TRUE(test::await(tesseract.recognize(QByteArray("\x89PNG\r\n\x1a\nbroken", 15), {"en-US"})).isEmpty());
-    EXPECT_TRUE(test::await(tesseract.recognize(picture("text"), {"xx-XX"})).isEmpty());
+    EXPECT_TRUE(test::await(tesseract.recognize(png(white), {"en-US"}), wait).isEmpty());
+    EXPECT_TRUE(test::await(tesseract.recognize(QByteArray("\x89PNG\r\n\x1a\nbroken", 15), {"en-US"}), wait).isEmpty());
+    EXPECT_TRUE(test::await(tesseract.recognize(picture("text"), {"xx-XX"}), wait).isEmpty());
 
     // A run that outlasts its time is killed and reads as nothing.
     TesseractRecognizer impatient(QStringLiteral(ZUV_OCR), 1);

@@ -36,10 +36,10 @@ QCoro::Task<void> collectVoid(QCoro::Task<void> task, std::exception_ptr *error,
     *done = true;
 }
 
-void awaitDone(const bool &done, const std::exception_ptr &error)
+void awaitDone(const bool &done, const std::exception_ptr &error, int timeoutMs)
 {
-    if (!waitUntil([&] { return done; }, 30000))
-        throw std::runtime_error("the awaited task did not finish within 30 seconds");
+    if (!waitUntil([&] { return done; }, timeoutMs))
+        throw std::runtime_error("the awaited task did not finish in time");
     if (error)
         std::rethrow_exception(error);
 }

@@ -35,19 +35,19 @@ QCoro::Task<void> collect(QCoro::Task<T> task, std::optional<T> *result, std::ex
     *done = true;
 }
 QCoro::Task<void> collectVoid(QCoro::Task<void> task, std::exception_ptr *error, bool *done);
-void awaitDone(const bool &done, const std::exception_ptr &error);
+void awaitDone(const bool &done, const std::exception_ptr &error, int timeoutMs = 30000);
 } // namespace detail
 
 // Runs the event loop until a task ends and returns its result or rethrows its
-// exception. Fails loudly after 30 seconds instead of hanging.
+// exception. Fails loudly after `timeoutMs` (30 seconds) instead of hanging.
 template<class T>
-T await(QCoro::Task<T> task)
+T await(QCoro::Task<T> task, int timeoutMs = 30000)
 {
     std::optional<T> result;
     std::exception_ptr error;
     bool done = false;
     auto runner = detail::collect<T>(std::move(task), &result, &error, &done);
-    detail::awaitDone(done, error);
+    detail::awaitDone(done, error, timeoutMs);
     return std::move(*result);
 }
 

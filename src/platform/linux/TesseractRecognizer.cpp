@@ -87,7 +87,8 @@ QCoro::Task<QStringList> TesseractRecognizer::supportedLanguages()
             process.waitForFinished(1000);
         }
     }
-    m_supported = out;
+    if (!out.isEmpty())
+        m_supported = out; // a failed listing is tried again next time
     co_return out;
 }
 
