@@ -111,8 +111,8 @@ TEST(ClipWindow, theShortcutOpensItTypingFiltersAndReturnPastesIntoTheWindowInFr
     target.show();
     target.requestActivate();
     // In front for the window manager too, which is what the panel notes.
-    ASSERT_TRUE(test::waitUntil([&] { return target.isActive() && workspace.activeWindow(); }));
-    const auto targetWindow = workspace.activeWindow();
+    const auto targetWindow = std::optional<quint32>(quint32(target.winId()));
+    ASSERT_TRUE(test::waitUntil([&] { return target.isActive() && workspace.activeWindow() == targetWindow; }));
 
     // The shortcut (Super+Shift+C) opens the panel, which takes the keyboard.
     ASSERT_TRUE(xdotool({"key", "super+shift+c"}));
