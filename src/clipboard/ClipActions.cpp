@@ -16,7 +16,6 @@
 #include <QImageWriter>
 #include <QPointer>
 #include <QRandomGenerator>
-#include <QStringDecoder>
 #include <QTextDocumentFragment>
 #include <QtConcurrent/QtConcurrentRun>
 #include <QCoro/QCoroFuture>
@@ -24,14 +23,6 @@
 namespace zuv {
 
 namespace {
-
-const ClipContent *row(const std::vector<ClipContent> &contents, const QString &type)
-{
-    for (const ClipContent &c : contents)
-        if (c.type == type)
-            return &c;
-    return nullptr;
-}
 
 bool isPlain(const QString &type) { return type == ClipRules::plainText || type == ClipRules::plainTextBare; }
 
@@ -211,17 +202,13 @@ QString ClipboardHistory::fullText(const Clip &clip)
         return clip.text;
     const std::vector<ClipContent> rows = m_store->contents(clip.id);
     for (const QString &type : {ClipRules::plainText, ClipRules::plainTextBare}) {
-        if (const ClipContent *c = row(rows, type)) {
-            // Stateless, so that a sequence cut off at the end is an error too.
-            QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-            const QString text = decoder(c->data);
-            if (!decoder.hasError())
-                return text;
-        }
+        if (const ClipContent *c = ClipRules::row(rows, type))
+            if (const auto text = ClipRules::utf8(c->data))
+                return *text;
     }
-    if (const ClipContent *c = row(rows, ClipRules::rtf))
+    if (const ClipContent *c = ClipRules::row(rows, ClipRules::rtf))
         return RtfText::plain(c->data);
-    if (const ClipContent *c = row(rows, ClipRules::html))
+    if (const ClipContent *c = ClipRules::row(rows, ClipRules::html))
         return QTextDocumentFragment::fromHtml(QString::fromUtf8(c->data)).toPlainText();
     return clip.text;
 }
@@ -245,6 +232,12 @@ std::optional<ClipboardHistory::Preview> ClipboardHistory::scaled(const QByteArr
     return Preview{std::move(image), turned ? size.transposed() : size};
 }
 
+std::optional<ClipboardHistory::Preview> ClipboardHistory::picture(ClipStore &store, qint64 id, int side)
+{
+    const auto data = store.firstData(id, ClipRules::imageTypes());
+    return data ? scaled(*data, side) : std::nullopt;
+}
+
 QCoro::Task<std::optional<QImage>> ClipboardHistory::thumbnail(Clip clip)
 {
     if (QImage *cached = m_thumbnails.object(clip.id))
@@ -256,10 +249,7 @@ QCoro::Task<std::optional<QImage>> ClipboardHistory::thumbnail(Clip clip)
     const qint64 id = clip.id;
     // The future is made in a statement of its own: GCC 12 destroys a lambda
     // temporary twice when it is made inside a co_await.
-    QFuture<std::optional<Preview>> future = QtConcurrent::run([store, id]() -> std::optional<Preview> {
-        const auto data = store->firstData(id, ClipRules::imageTypes());
-        return data ? scaled(*data, 720) : std::nullopt;
-    });
+    QFuture<std::optional<Preview>> future = QtConcurrent::run([store, id] { return picture(*store, id, 720); });
     const auto result = co_await future;
     if (!result)
         co_return std::nullopt;
@@ -274,10 +264,7 @@ QCoro::Task<std::optional<ClipboardHistory::Preview>> ClipboardHistory::previewI
     if (!store)
         co_return std::nullopt;
     const qint64 id = clip.id;
-    QFuture<std::optional<Preview>> future = QtConcurrent::run([store, id]() -> std::optional<Preview> {
-        const auto data = store->firstData(id, ClipRules::imageTypes());
-        return data ? scaled(*data, 2400) : std::nullopt;
-    });
+    QFuture<std::optional<Preview>> future = QtConcurrent::run([store, id] { return picture(*store, id, 2400); });
     co_return co_await future;
 }
 
@@ -302,9 +289,9 @@ QCoro::Task<std::optional<ClipboardHistory::PictureFile>> ClipboardHistory::pict
         const std::pair<const char *, const char *> kept[] = {
             {"image/png", "png"}, {"image/jpeg", "jpg"}, {"image/heic", "heic"}};
         for (const auto &[type, extension] : kept)
-            if (const ClipContent *c = row(rows, QLatin1String(type)))
+            if (const ClipContent *c = ClipRules::row(rows, QLatin1String(type)))
                 return PictureFile{c->data, QLatin1String(extension)};
-        const ClipContent *tiff = row(rows, QStringLiteral("image/tiff"));
+        const ClipContent *tiff = ClipRules::row(rows, QStringLiteral("image/tiff"));
         if (!tiff)
             return std::nullopt;
         const QImage picture = QImage::fromData(tiff->data, "TIFF");
@@ -370,10 +357,8 @@ bool ClipboardHistory::addFromPhone(const QString &file, bool image)
         record({ClipContent{type, bytes}}, QStringLiteral("zuv.iphone"), m_clock.now());
         return true;
     }
-    // Stateless, so that a sequence cut off at the end is an error too.
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    const QString text = decoder(bytes);
-    if (decoder.hasError() || text.isEmpty())
+    const auto text = ClipRules::utf8(bytes);
+    if (!text || text->isEmpty())
         return false;
     record({ClipContent{ClipRules::plainText, bytes}}, QStringLiteral("zuv.iphone"), m_clock.now());
     return true;
@@ -389,8 +374,7 @@ QCoro::Task<std::optional<QByteArray>> ClipboardHistory::phoneThumbnail(Clip cli
     QPointer<ClipboardHistory> self(this);
     const qint64 id = clip.id;
     QFuture<std::optional<QByteArray>> future = QtConcurrent::run([store, id]() -> std::optional<QByteArray> {
-        const auto data = store->firstData(id, ClipRules::imageTypes());
-        const auto small = data ? scaled(*data, 360) : std::nullopt;
+        const auto small = picture(*store, id, 360);
         if (!small)
             return std::nullopt;
         QByteArray jpeg;

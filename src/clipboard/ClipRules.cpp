@@ -32,24 +32,6 @@ QStringList alwaysIgnoredTypes()
 
 namespace {
 
-const ClipContent *row(const std::vector<ClipContent> &contents, const QString &type)
-{
-    for (const ClipContent &c : contents)
-        if (c.type == type)
-            return &c;
-    return nullptr;
-}
-
-std::optional<QString> utf8(const QByteArray &bytes)
-{
-    // Stateless, so that a sequence cut off at the end is an error too.
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    const QString text = decoder(bytes);
-    if (decoder.hasError())
-        return std::nullopt;
-    return text;
-}
-
 std::optional<QString> plainOf(const std::vector<ClipContent> &item)
 {
     for (const QString &type : {plainText, plainTextBare})
@@ -74,6 +56,24 @@ bool concealedBy(const Item &item)
 }
 
 } // namespace
+
+const ClipContent *row(const std::vector<ClipContent> &contents, const QString &type)
+{
+    for (const ClipContent &c : contents)
+        if (c.type == type)
+            return &c;
+    return nullptr;
+}
+
+std::optional<QString> utf8(const QByteArray &bytes)
+{
+    // Stateless, so that a sequence cut off at the end is an error too.
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
+    const QString text = decoder(bytes);
+    if (decoder.hasError())
+        return std::nullopt;
+    return text;
+}
 
 bool persistable(const QString &type)
 {

@@ -41,6 +41,10 @@ struct Settings {
 using Item = std::vector<ClipContent>;
 
 bool persistable(const QString &type);
+// The first row of `type`, if any.
+const ClipContent *row(const std::vector<ClipContent> &contents, const QString &type);
+// The bytes as UTF-8; none when they are not valid UTF-8, a cut-off end included.
+std::optional<QString> utf8(const QByteArray &bytes);
 
 // What of a copy is kept, or none when it is not recorded at all (no kept type,
 // a vetoing type or pattern, blank, or over 50 MiB).

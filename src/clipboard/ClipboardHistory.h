@@ -126,6 +126,8 @@ public:
     // Scales the picture in `data` so that its longest side is at most `side`,
     // with its orientation applied; none when it does not decode. Safe on any thread.
     static std::optional<Preview> scaled(const QByteArray &data, int side);
+    // The clip's first picture, scaled so; any thread.
+    static std::optional<Preview> picture(ClipStore &store, qint64 id, int side);
 
 signals:
     void clipsChanged();

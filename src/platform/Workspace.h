@@ -2,6 +2,7 @@
 
 #include <QRect>
 #include <QString>
+#include <QStringList>
 
 #include <optional>
 #include <vector>
@@ -36,6 +37,8 @@ public:
     virtual bool activateWindow(quint32 window, quint32 time) = 0;
     // Asks the window manager to leave a shown window of ours out of the taskbar and pager.
     virtual void keepOutOfTaskbar(quint32 window) = 0;
+    // Shows files in the desktop's file manager, or opens their folder.
+    virtual void showFiles(const QStringList &paths) = 0;
     // Where a window is on the screen, its frame included.
     virtual std::optional<QRect> windowFrame(quint32 window) const = 0;
     // The desktop id of the application a process belongs to, when it can be told.

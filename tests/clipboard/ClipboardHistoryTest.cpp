@@ -29,17 +29,6 @@ const QString plain = ClipRules::plainText;
 
 Pasteboard::Item text(const QString &value) { return {{plain, value.toUtf8()}}; }
 
-QByteArray png(int width, int height)
-{
-    QImage image(width, height, QImage::Format_RGB32);
-    image.fill(Qt::red);
-    QByteArray out;
-    QBuffer buffer(&out);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG");
-    return out;
-}
-
 struct History {
     test::TempHome home;
     TestClock clock;
@@ -150,7 +139,7 @@ TEST(ClipboardHistory, ownCopiesPausesAndIgnoreNextUseUpTheirChanges)
 TEST(ClipboardHistory, picturesAreReadOnlyWithoutTextAndSlowOwnersAreRetriedThenLeft)
 {
     History h;
-    const QByteArray picture = png(4, 3);
+    const QByteArray picture = test::picture(4, 3);
     h.copy({{{plain, "A1:B2"}, {"image/png", picture}}}); // a spreadsheet's cells
     EXPECT_FALSE(h.pasteboard.fetched.contains("image/png"));
     ASSERT_EQ(h.history.clips().size(), 1u);
@@ -316,7 +305,7 @@ TEST(ClipboardHistory, titlesFullTextAndSearch)
     EXPECT_TRUE(h.history.search("(").empty());
 
     // Recognised text becomes an image's title and is searched.
-    h.copy({{{"image/png", png(8, 8)}}});
+    h.copy({{{"image/png", test::picture(8, 8)}}});
     const qint64 image = h.history.clips()[0].id;
     EXPECT_EQ(h.titles()[0], "");
     h.history.setText(image, "Invoice 42");
@@ -341,7 +330,7 @@ TEST(ClipboardHistory, copyingBackWritesWhatWasKept)
     h.history.copy(h.history.clips()[0], false);
     EXPECT_EQ(h.pasteboard.written[1][0].size(), 2u); // with the HTML
 
-    h.copy({{{"image/png", png(2, 2)}}});
+    h.copy({{{"image/png", test::picture(2, 2)}}});
     h.history.copy(h.history.clips()[0], true); // a picture stays a picture
     EXPECT_EQ(h.pasteboard.written.back()[0][0].type, "image/png");
 
@@ -355,7 +344,7 @@ TEST(ClipboardHistory, copyingBackWritesWhatWasKept)
 TEST(ClipboardHistory, picturesAreScaledOffTheMainThreadAndTiffBecomesPng)
 {
     History h;
-    h.copy({{{"image/png", png(1600, 800)}}});
+    h.copy({{{"image/png", test::picture(1600, 800)}}});
     const Clip clip = h.history.clips()[0];
     const auto thumbnail = test::await(h.history.thumbnail(clip));
     ASSERT_TRUE(thumbnail);
@@ -368,12 +357,8 @@ TEST(ClipboardHistory, picturesAreScaledOffTheMainThreadAndTiffBecomesPng)
     ASSERT_TRUE(file);
     EXPECT_EQ(file->extension, "png");
 
-    QImage tiffImage(10, 5, QImage::Format_RGB32);
-    tiffImage.fill(Qt::blue);
-    QByteArray tiff;
-    QBuffer buffer(&tiff);
-    buffer.open(QIODevice::WriteOnly);
-    ASSERT_TRUE(tiffImage.save(&buffer, "TIFF"));
+    const QByteArray tiff = test::picture(10, 5, "TIFF");
+    ASSERT_FALSE(tiff.isEmpty());
     h.copy({{{"image/tiff", tiff}}});
     const auto converted = test::await(h.history.pictureFile(h.history.clips()[0].id));
     ASSERT_TRUE(converted);
@@ -457,7 +442,7 @@ TEST(ClipboardHistory, askingZuvHandsOverTheTextTheFilesOrThePictureAsPng)
     EXPECT_EQ(files[0].path, "/etc/hostname");
     EXPECT_EQ(files[1].name, "notes.md");
 
-    h.copy({{{"image/png", png(30, 20)}}});
+    h.copy({{{"image/png", test::picture(30, 20)}}});
     test::await(h.history.askZuv(h.history.clips()[0]));
     ASSERT_EQ(files.size(), 1u);
     EXPECT_EQ(files[0].name, "Clipboard.png");

@@ -59,17 +59,6 @@ struct Remote {
     QString error(const QByteArray &json) { return ask(json).value("error").toString(); }
 };
 
-QByteArray jpegOrPng(int w, int h)
-{
-    QImage image(w, h, QImage::Format_RGB32);
-    image.fill(Qt::blue);
-    QByteArray out;
-    QBuffer buffer(&out);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG");
-    return out;
-}
-
 } // namespace
 
 TEST(ClipboardRemote, listPagesWithPinsFirstAndThumbnails)
@@ -79,7 +68,7 @@ TEST(ClipboardRemote, listPagesWithPinsFirstAndThumbnails)
         r.text(QString("clip %1").arg(i));
     r.history.togglePin(r.history.clips().back().id); // the oldest, "clip 0"
     r.clock.advance(1);
-    r.history.record({{"image/png", jpegOrPng(1200, 600)}}, QString("zuv.iphone"), r.clock.now());
+    r.history.record({{"image/png", test::picture(1200, 600)}}, QString("zuv.iphone"), r.clock.now());
 
     QJsonObject list = r.result(R"({"id": 1, "op": "list", "limit": 0})");
     EXPECT_EQ(list.value("total").toInt(), 6);
@@ -122,7 +111,7 @@ TEST(ClipboardRemote, itemsUsePinDeleteAndTheErrorsOfEach)
 
     // A picture goes out as a file in the outbox.
     r.clock.advance(1);
-    r.history.record({{"image/png", jpegOrPng(20, 10)}}, std::nullopt, r.clock.now());
+    r.history.record({{"image/png", test::picture(20, 10)}}, std::nullopt, r.clock.now());
     const QJsonObject picture =
         r.result(R"({"id": 9, "op": "item", "clip": )" + QByteArray::number(r.history.clips().front().id) + "}");
     EXPECT_EQ(picture.value("kind").toString(), "image");
@@ -149,7 +138,7 @@ TEST(ClipboardRemote, addTakesOnlyFilesInTheOutbox)
     EXPECT_EQ(r.history.clips().front().app, "zuv.iphone");
 
     r.clock.advance(1);
-    test::writeText(outbox + "/photo.png", jpegOrPng(8, 8));
+    test::writeText(outbox + "/photo.png", test::picture(8, 8));
     EXPECT_TRUE(r.result(R"({"id": 2, "op": "add", "image": true, "path": ")" + (outbox + "/photo.png").toUtf8() + R"("})")
                     .value("ok").toBool());
     EXPECT_EQ(r.history.clips().front().kind, Clip::Kind::image);

@@ -90,12 +90,7 @@ TEST_F(ClipboardAgentTest, thePhoneListsAddsFetchesUsesPinsAndDeletesThroughTheR
         << "the file is gone once added";
 
     // A picture from the phone, then fetched back as data.
-    QImage image(40, 20, QImage::Format_RGB32);
-    image.fill(Qt::red);
-    QByteArray png;
-    QBuffer buffer(&png);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG");
+    const QByteArray png = test::picture(40, 20);
     clock.advance(1);
     QJsonObject photo{{"name", "photo.png"}, {"data", QString::fromLatin1(png.toBase64())}};
     EXPECT_TRUE(ask(2, {{"op", "add"}, {"image", true}, {"file", photo}}).value("result").toObject().value("ok").toBool());

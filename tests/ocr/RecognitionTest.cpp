@@ -25,15 +25,6 @@ using namespace zuv;
 
 namespace {
 
-QByteArray png(const QImage &image)
-{
-    QByteArray out;
-    QBuffer buffer(&out);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG");
-    return out;
-}
-
 // Black text on white, large and clear, as a screenshot would have it.
 QByteArray picture(const QString &text, const QString &family = QStringLiteral("DejaVu Sans"), QSize size = {900, 160})
 {
@@ -46,7 +37,7 @@ QByteArray picture(const QString &text, const QString &family = QStringLiteral("
     painter.setPen(Qt::black);
     painter.drawText(image.rect().adjusted(20, 0, -20, 0), Qt::AlignVCenter | Qt::AlignLeft, text);
     painter.end();
-    return png(image);
+    return test::encoded(image);
 }
 
 // Answers by the picture's bytes and counts the runs; a picture it was not told
@@ -190,7 +181,7 @@ TEST(Tesseract, readsEnglishAndJapaneseAndNothingFromEmptyOrBrokenPictures)
 
     QImage white(400, 200, QImage::Format_RGB32);
     white.fill(Qt::white);
-    EXPECT_TRUE(test::await(tesseract.recognize(png(white), {"en-US"}), wait).isEmpty());
+    EXPECT_TRUE(test::await(tesseract.recognize(test::encoded(white), {"en-US"}), wait).isEmpty());
     EXPECT_TRUE(test::await(tesseract.recognize(QByteArray("\x89PNG\r\n\x1a\nbroken", 15), {"en-US"}), wait).isEmpty());
     EXPECT_TRUE(test::await(tesseract.recognize(picture("text"), {"xx-XX"}), wait).isEmpty());
 

@@ -46,6 +46,7 @@ public:
         active = window;
         return true;
     }
+    void showFiles(const QStringList &paths) override { calls << "show " + paths.join(' '); }
     void keepOutOfTaskbar(quint32 window) override { calls << QStringLiteral("keep out of taskbar %1").arg(window); }
     std::optional<QRect> windowFrame(quint32 window) const override
     {

@@ -1,5 +1,7 @@
 #include "Support.h"
 
+#include <QBuffer>
+
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
@@ -79,6 +81,21 @@ QString readText(const QString &path)
     if (!in.open(QIODevice::ReadOnly))
         return {};
     return QString::fromUtf8(in.readAll());
+}
+
+QByteArray encoded(const QImage &image, const char *format)
+{
+    QByteArray out;
+    QBuffer buffer(&out);
+    buffer.open(QIODevice::WriteOnly);
+    return image.save(&buffer, format) ? out : QByteArray();
+}
+
+QByteArray picture(int width, int height, const char *format)
+{
+    QImage image(width, height, QImage::Format_RGB32);
+    image.fill(Qt::red);
+    return encoded(image, format);
 }
 
 void writeText(const QString &path, const QByteArray &data)

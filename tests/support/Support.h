@@ -2,6 +2,7 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QImage>
 #include <QString>
 #include <QCoro/QCoroTask>
 
@@ -64,6 +65,11 @@ public:
 private:
     QString m_path;
 };
+
+// A picture in the encoding `format` ("PNG", "TIFF"…); empty when Qt cannot write it.
+QByteArray encoded(const QImage &image, const char *format = "PNG");
+// A plain picture of that size, encoded.
+QByteArray picture(int width, int height, const char *format = "PNG");
 
 // Reads a whole file as text; empty when missing.
 QString readText(const QString &path);

@@ -33,12 +33,7 @@ TEST(ClipWindowViews, hardClipsAreDrawnAndADeletedClipLeavesThePreviewQuietly)
     panel.desktop = [] { return PanelDesktop{{50, 50}, {QRect(0, 0, 1280, 1024)}, std::nullopt}; };
     history.setEnabled(true);
 
-    QImage big(6000, 40, QImage::Format_RGB32);
-    big.fill(Qt::green);
-    QByteArray png;
-    QBuffer buffer(&png);
-    buffer.open(QIODevice::WriteOnly);
-    big.save(&buffer, "PNG");
+    const QByteArray png = test::picture(6000, 40);
     const std::vector<std::pair<QString, QByteArray>> clips{
         {ClipRules::plainText, QByteArray(300'000, 'w')},                           // one very long line
         {ClipRules::plainText, QByteArray("line\n").repeated(20'000)},             // many lines

@@ -8,10 +8,6 @@
 
 #include <QApplication>
 #include <QCheckBox>
-#include <QDBusConnection>
-#include <QDBusMessage>
-#include <QDesktopServices>
-#include <QFileInfo>
 #include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QInputMethodEvent>
@@ -24,32 +20,12 @@
 #include <QPushButton>
 #include <QScrollBar>
 #include <QSizeGrip>
-#include <QUrl>
 #include <QVBoxLayout>
 #include <QWindow>
 
 namespace zuv {
 
 namespace {
-
-// Shows files in the desktop's file manager, or opens their folder where no
-// file manager answers on the bus.
-void showInFileManager(const QStringList &paths)
-{
-    QStringList uris;
-    for (const QString &p : paths)
-        uris << QUrl::fromLocalFile(p).toString();
-    QDBusMessage call = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.FileManager1"),
-                                                       QStringLiteral("/org/freedesktop/FileManager1"),
-                                                       QStringLiteral("org.freedesktop.FileManager1"),
-                                                       QStringLiteral("ShowItems"));
-    call << uris << QString();
-    const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 2000);
-    if (reply.type() != QDBusMessage::ErrorMessage)
-        return;
-    if (!paths.isEmpty())
-        QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(paths.first()).absolutePath()));
-}
 
 // A footer row: its label on the left, its shortcut on the right.
 QPushButton *footerRow(QWidget *parent)
@@ -349,7 +325,7 @@ void ClipWindow::buildMenu(QMenu &menu, const Clip &clip)
     if (clip.kind == Clip::Kind::files)
         menu.addAction(tr("Show in File Manager"), this, [this, clip] {
             m_panel.close();
-            showInFileManager(clip.text.split(QLatin1Char('\n'), Qt::SkipEmptyParts));
+            m_workspace.showFiles(clip.text.split(QLatin1Char('\n'), Qt::SkipEmptyParts));
         });
 }
 

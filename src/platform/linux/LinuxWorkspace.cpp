@@ -2,7 +2,11 @@
 
 #include <QCoreApplication>
 #include <QFile>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDesktopServices>
 #include <QFileInfo>
+#include <QUrl>
 
 #include "platform/linux/Xcb.h"
 
@@ -266,6 +270,22 @@ void LinuxWorkspace::keepOutOfTaskbar(quint32 window)
     // 1: add, with the source 2 of a request on the person's behalf.
     message(window, atom("_NET_WM_STATE"), {1, atom("_NET_WM_STATE_SKIP_TASKBAR"), atom("_NET_WM_STATE_SKIP_PAGER"), 2, 0});
     xcb_flush(m_connection);
+}
+
+void LinuxWorkspace::showFiles(const QStringList &paths)
+{
+    QStringList uris;
+    for (const QString &p : paths)
+        uris << QUrl::fromLocalFile(p).toString();
+    QDBusMessage call = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.FileManager1"),
+                                                       QStringLiteral("/org/freedesktop/FileManager1"),
+                                                       QStringLiteral("org.freedesktop.FileManager1"),
+                                                       QStringLiteral("ShowItems"));
+    call << uris << QString();
+    const QDBusMessage reply = QDBusConnection::sessionBus().call(call, QDBus::Block, 2000);
+    // Where no file manager answers on the bus, the folder opens.
+    if (reply.type() == QDBusMessage::ErrorMessage && !paths.isEmpty())
+        QDesktopServices::openUrl(QUrl::fromLocalFile(QFileInfo(paths.first()).absolutePath()));
 }
 
 std::optional<QRect> LinuxWorkspace::windowFrame(quint32 window) const

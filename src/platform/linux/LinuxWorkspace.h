@@ -44,6 +44,7 @@ public:
     bool activateWindow(quint32 window, quint32 time) override;
     std::optional<QRect> windowFrame(quint32 window) const override;
     void keepOutOfTaskbar(quint32 window) override;
+    void showFiles(const QStringList &paths) override;
     bool activate(const QString &id, quint32 time) override;
     bool hide(const QString &id) override;
     QString launch(const App &app, quint32 time) override;
