@@ -1,6 +1,7 @@
 #include "app/AppDelegate.h"
 
 #include "base/Clock.h"
+#include "app/Handoff.h"
 #include "app/WindowOpener.h"
 #include "base/Job.h"
 #include "chat/ChatModel.h"
@@ -14,6 +15,7 @@
 
 #include <QPointer>
 
+#include <algorithm>
 #include <csignal>
 
 namespace zuv {
@@ -79,14 +81,28 @@ void AppDelegate::applicationDidFinishLaunching(const QStringList &arguments)
     if (clipboard)
         clipboard->start();
 
-    // The setup guide comes with the permissions check; until then an unpaired
-    // computer is told how to pair.
-    if (m_model.pairing().state != AppModel::Pairing::State::paired)
+    // A paired computer that may not see the screen sees the guide at every launch.
+    if (m_model.pairing().state != AppModel::Pairing::State::paired || !m_model.screenRecording())
         showSetup();
 
     if (has(arguments, QStringLiteral("--pair")))
         m_model.startPairing();
+    m_permissionTimer = Job::start([this](CancelToken token) { return refreshPermissionsForever(std::move(token)); },
+                                   QStringLiteral("The permission check"));
     openSettingsIfAsked(arguments);
+    if (windowFlags)
+        windowFlags(arguments);
+}
+
+QCoro::Task<void> AppDelegate::refreshPermissionsForever(CancelToken token)
+{
+    QPointer<AppDelegate> self(this);
+    for (;;) {
+        const bool waited = co_await m_clock.sleep(permissionInterval, token);
+        if (!waited || !self)
+            co_return;
+        m_model.refreshPermissions();
+    }
 }
 
 void AppDelegate::openSettingsIfAsked(const QStringList &arguments)
@@ -124,6 +140,7 @@ void AppDelegate::applicationWillTerminate()
 {
     m_minimumCheck.cancel();
     m_clipboardOpening.cancel();
+    m_permissionTimer.cancel();
     if (clipboard)
         clipboard->quit(); // unpinned clips go when the person asked for that
     m_diagnostics.stop();
@@ -133,15 +150,38 @@ void AppDelegate::applicationWillTerminate()
 void AppDelegate::open(const QStringList &arguments)
 {
     AppModel::log(QStringLiteral("another launch handed over: ") + arguments.mid(1).join(QLatin1Char(' ')));
-    if (has(arguments, QStringLiteral("--pair")))
+    const bool pairing = has(arguments, QStringLiteral("--pair"));
+    if (pairing) {
+        showSetup();
         m_model.startPairing();
+    }
     openSettingsIfAsked(arguments);
+    if (windowFlags)
+        windowFlags(arguments);
+    // Files opened with Zuv go to a new chat; a launch that asks for nothing else opens the window.
+    if (const auto files = Handoff::files(arguments)) {
+        Handoff::start(m_model, m_chat, m_opener, [this] { showSetup(); }, QString(), *files);
+        return;
+    }
+    static const QStringList acting = {QStringLiteral("--pair"), QStringLiteral("--settings"), QStringLiteral("--clipboard"),
+                                       QStringLiteral("--open-chat"), QStringLiteral("--quick-ask")};
+    const bool asked = std::any_of(acting.begin(), acting.end(), [&](const QString &f) { return has(arguments, f); });
+    if (!asked && !pairing) {
+        if (m_model.pairing().state == AppModel::Pairing::State::paired)
+            m_opener.show(std::nullopt, std::nullopt);
+        else
+            showSetup();
+    }
 }
 
 void AppDelegate::showSetup()
 {
     if (m_model.lastError())
         AppModel::log(*m_model.lastError());
+    if (showSetupWindow) {
+        showSetupWindow();
+        return;
+    }
     AppModel::log(QStringLiteral("setup: run \"zuv --pair\" to pair this computer with a Zuv account"));
 }
 

@@ -6,6 +6,8 @@
 #include <QStringList>
 #include <QCoro/QCoroTask>
 
+#include <functional>
+
 namespace zuv {
 
 class AppModel;
@@ -47,6 +49,12 @@ public:
 
     static constexpr double minimumCheckInterval = 21600; // six hours
 
+    // The faces of the app, where there are some (not in the logic tests).
+    std::function<void()> showSetupWindow;
+    std::function<void(const QStringList &)> windowFlags; // "--open-chat" with "--send-test"
+
+    static constexpr double permissionInterval = 3;
+
     // Started at launch and cleared at quit, where there is one.
     ClipboardHistory *clipboard = nullptr;
     // Opened by "--clipboard", a second after launch.
@@ -57,6 +65,7 @@ private:
     void openSettingsIfAsked(const QStringList &arguments);
     QCoro::Task<void> openClipboardSoon(CancelToken token);
     QCoro::Task<void> checkMinimumForever(CancelToken token);
+    QCoro::Task<void> refreshPermissionsForever(CancelToken token);
 
     Clock &m_clock;
     AppModel &m_model;
@@ -67,6 +76,7 @@ private:
     Updates &m_updates;
     Job m_minimumCheck;
     Job m_clipboardOpening;
+    Job m_permissionTimer;
 };
 
 } // namespace zuv

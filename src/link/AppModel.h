@@ -6,6 +6,7 @@
 #include "link/Child.h"
 #include "link/ChildSupervisor.h"
 #include "link/PairingFlow.h"
+#include "link/ToolsProbe.h"
 
 #include <QImage>
 #include <QJsonObject>
@@ -24,7 +25,9 @@ namespace zuv {
 class Clock;
 class Defaults;
 class Keychain;
+class LoginItems;
 class MacAPI;
+class ScreenAccess;
 
 // The main-thread state of this computer's link to the account: pairing, the
 // agent token, and the one line of trouble shown to the user.
@@ -46,6 +49,17 @@ public:
         std::function<void(const QJsonObject &)> stayAwake;
         std::function<void(const QJsonObject &)> clipboardReceived;
         std::function<void(const QString &line)> clipboardAsk;
+        // Runs after every look at the permissions (the awake session's refresh).
+        std::function<void()> permissionsLooked;
+    };
+
+    // The desktop services behind the tools and permissions check. Without them
+    // nothing is granted and open-at-login stays off.
+    struct Desktop {
+        ScreenAccess *access = nullptr;
+        LoginItems *loginItems = nullptr;
+        ToolsProbe::Runner runner;            // LoginShell::run outside tests
+        std::function<void()> relaunch;        // starts a new copy and quits this one
     };
 
     using Locations = ChildSupervisor::Locations;
@@ -106,6 +120,24 @@ public:
     void startPairing();
     void unpair();
 
+    // --- Tools and permissions
+    void setDesktop(Desktop desktop);
+    bool screenRecording() const { return m_screenRecording; }
+    bool accessibility() const { return m_accessibility; }
+    QString accessReason() const;
+    const ToolsProbe &tools() const { return m_tools; }
+    bool checkingTools() const { return m_checkingTools; }
+    bool launchAtLogin() const { return m_launchAtLogin; }
+    bool askedForPermissions() const { return m_askedForPermissions; }
+    // Probes Claude Code and Codex off the main thread; the last call wins.
+    QCoro::Task<void> checkTools();
+    void startCheckingTools();
+    void refreshPermissions();
+    void requestScreenRecording();
+    void requestAccessibility();
+    void setLaunchAtLogin(bool on);
+    void relaunch();
+
     // The hub closed the agent because another copy took the link (code 4409).
     void replaced();
     // After "hub connected": clears the running-twice text once the link has held.
@@ -134,6 +166,8 @@ signals:
     void lastErrorChanged();
     void connectedChanged();
     void agentChanged();  // answers, claudeState, agentBusy, agentState
+    void toolsChanged();  // tools, checkingTools
+    void permissionsChanged(); // screenRecording, accessibility, askedForPermissions, launchAtLogin
     void screenChanged(); // screenState
 
 private:
@@ -166,6 +200,16 @@ private:
     bool m_agentBusy = false;
     Child::State m_agentState = Child::State::stopped;
     Child::State m_screenState = Child::State::stopped;
+
+    Desktop m_desktop;
+    bool m_screenRecording = false;
+    bool m_accessibility = false;
+    bool m_launchAtLogin = false;
+    bool m_askedForPermissions = false;
+    ToolsProbe m_tools;
+    Job m_toolsCheck;
+    int m_toolsRound = 0;
+    bool m_checkingTools = false;
 };
 
 } // namespace zuv
