@@ -1,6 +1,8 @@
 // The composition root: builds the process-wide objects with their real services.
 #include "app/AppActivity.h"
 #include "app/AppDelegate.h"
+#include "app/Handoff.h"
+#include "app/views/AppShell.h"
 #include "app/WindowOpener.h"
 #include "app/SingleInstance.h"
 #include "base/AppLog.h"
@@ -22,6 +24,7 @@
 #include "hub/MacAPI.h"
 #include "link/AppModel.h"
 #include "notify/Notifier.h"
+#include "platform/linux/AutostartEntry.h"
 #include "platform/linux/Cld2LanguageDetector.h"
 #include "platform/linux/CrashHandler.h"
 #include "platform/linux/DBusNotificationCenter.h"
@@ -49,7 +52,10 @@
 #include <QApplication>
 #include <QCursor>
 #include <QScreen>
+#include <QDesktopServices>
 #include <QDir>
+#include <QProcess>
+#include <QUrl>
 #include <QFile>
 #include <QNetworkAccessManager>
 #include <QStandardPaths>
@@ -72,7 +78,7 @@ int main(int argc, char **argv)
     QApplication::setQuitOnLastWindowClosed(false); // it lives in the tray with every window closed
 
     SingleInstance instance(Paths::runtime());
-    switch (instance.claim(QApplication::arguments())) {
+    switch (instance.claim(Handoff::resolved(QApplication::arguments()))) {
     case SingleInstance::Role::forwarded:
         return 0;
     case SingleInstance::Role::failed:
@@ -110,6 +116,16 @@ int main(int argc, char **argv)
     MacAPI::setShared(&api);
     AppModel model(clock, defaults, keychain, api, network, server);
     AppModel::setShared(&model);
+    // The tools check: the screen grants of this session, open at login through
+    // the autostart folder, and a relaunch that waits for this copy to go.
+    DesktopScreenAccess screenAccess(QGuiApplication::platformName());
+    AutostartEntry autostart(AutostartEntry::defaultFolder(), QCoreApplication::applicationFilePath());
+    model.setDesktop({&screenAccess, &autostart, {}, [] {
+                          QProcess::startDetached(QStringLiteral("/bin/sh"),
+                                                  {QStringLiteral("-c"), QStringLiteral("sleep 1; exec \"$0\""),
+                                                   QCoreApplication::applicationFilePath()});
+                          QApplication::quit();
+                      }});
     SettingsModel settings(api, models);
     SettingsModel::setShared(&settings);
 
@@ -197,10 +213,6 @@ int main(int argc, char **argv)
     AppModel::Hooks hooks = model.hooks();
     hooks.clipboardAsk = [&clipboardRemote](const QString &line) { clipboardRemote.handle(line); };
     model.setHooks(hooks);
-    // The chat window comes with its own change; until then a hand-over is logged.
-    clipboard.handoff = [](const QString &text, const std::vector<OutgoingFile> &files) {
-        log(QStringLiteral("would ask Zuv in the chat about %1 characters and %2 files").arg(text.size()).arg(files.size()));
-    };
 
     AppShortcuts appShortcuts(defaults, hotKeys, workspace, [&clipboard] {
         std::vector<std::pair<QString, KeyCombo>> owners;
@@ -246,6 +258,34 @@ int main(int argc, char **argv)
             opener.settings();
     };
     QObject::connect(&model, &AppModel::setupWanted, &delegate, &AppDelegate::showSetup);
+
+    // The faces: the tray, the setup guide and the main window.
+    AppShell shell({model, chat, settings, api, clock, defaults, opener,
+                    [&] {
+                        MenuContent::State state;
+                        state.paired = model.pairing().state == AppModel::Pairing::State::paired;
+                        state.connected = model.connected();
+                        state.answers = model.answers();
+                        state.agentState = model.agentState();
+                        state.lastError = model.lastError();
+                        state.updateRequired = updates.required();
+                        state.clipboardEnabled = clipboard.enabled();
+                        if (clipboard.combo())
+                            state.clipboardCombo = clipboard.combo()->label();
+                        for (const AppShortcuts::Item &item : appShortcuts.items())
+                            if (item.bundleID == QLatin1String("com.kelmor.zuv.mac") && item.combo)
+                                state.openZuvCombo = item.combo->label();
+                        return state;
+                    },
+                    [&clipboardPanel] { clipboardPanel.show(); }, [&updater] { updater.checkForUpdates(); },
+                    [] { QDesktopServices::openUrl(QUrl::fromLocalFile(Paths::logs())); }, [] { QApplication::quit(); },
+                    [&speaker](const QString &text) { spawn(speaker.speak(text), QStringLiteral("Reading aloud")); }});
+    delegate.showSetupWindow = [&shell] { shell.showSetup(); };
+    delegate.windowFlags = [&shell](const QStringList &arguments) { shell.runFlags(arguments); };
+    clipboard.handoff = [&](const QString &text, const std::vector<OutgoingFile> &files) {
+        Handoff::start(model, chat, opener, [&delegate] { delegate.showSetup(); }, text, files);
+    };
+    shell.start();
     QObject::connect(&model, &AppModel::childFailed, &diagnostics,
                      [&diagnostics](const QString &name, int status, bool signal, const QString &tail) {
                          log(QStringLiteral("%1 ended with %2 %3")
