@@ -18,7 +18,10 @@ std::optional<QString> TimeLabel::between(const Entry *previous, const Entry &en
         if (std::abs(entry.at - previous->at) < 3600 * 1000.0 && before.date() == at.date())
             return std::nullopt;
     }
-    const QString time = locale.toString(at.time(), QLocale::ShortFormat);
+    // The locale's short time, without seconds where it would show them.
+    QString format = locale.timeFormat(QLocale::ShortFormat);
+    format.remove(QStringLiteral(":ss"));
+    const QString time = locale.toString(at.time(), format);
     const QDate today = now.toLocalTime().date();
     if (at.date() == today)
         return tr("Today %1").arg(time);

@@ -8,6 +8,8 @@
 #include <QToolButton>
 #include <QVBoxLayout>
 
+#include <algorithm>
+
 namespace zuv {
 
 void ComposerField::keyPressEvent(QKeyEvent *event)
@@ -59,9 +61,15 @@ Composer::Composer(QWidget *parent) : QWidget(parent)
     m_field = new ComposerField;
     m_field->setObjectName(QStringLiteral("composerField"));
     m_field->setTabChangesFocus(true);
-    m_field->setMaximumHeight(140);
-    m_field->setMinimumHeight(40);
-    m_field->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
+    m_field->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
+    // As tall as its text, from one line up to about six.
+    const auto fit = [this] {
+        const QFontMetrics fm(m_field->font());
+        const int lines = std::clamp(int(m_field->document()->size().height()), 1, 6);
+        m_field->setFixedHeight(lines * fm.lineSpacing() + 2 * int(m_field->document()->documentMargin()) + 6);
+    };
+    connect(m_field, &QPlainTextEdit::textChanged, this, fit);
+    fit();
     connect(m_field, &ComposerField::submit, this, [this] {
         if (!empty())
             emit send();

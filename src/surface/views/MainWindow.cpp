@@ -120,6 +120,7 @@ MainWindow::MainWindow(AppModel &app, ChatModel &chat, SettingsModel &settings, 
     m_tree->setUniformRowHeights(false);
     m_tree->setContextMenuPolicy(Qt::CustomContextMenu);
     m_tree->setTextElideMode(Qt::ElideRight);
+    m_tree->setStyleSheet(QStringLiteral("QTreeWidget::item { padding: 4px 2px; }"));
     sideColumn->addWidget(m_tree, 1);
     m_footer = new QLabel;
     m_footer->setObjectName(QStringLiteral("statusFooter"));

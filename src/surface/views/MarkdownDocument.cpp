@@ -167,8 +167,8 @@ void MarkdownDocument::build(const QString &text, bool markdown)
             if (rows == 0)
                 break;
             QTextTableFormat f;
-            f.setBorder(0.5);
-            f.setBorderBrush(m_palette.color(QPalette::Mid));
+            f.setBorder(1);
+            f.setBorderBrush(m_palette.color(QPalette::Midlight).darker(115));
             f.setBorderStyle(QTextFrameFormat::BorderStyle_Solid);
             f.setCellSpacing(0);
             f.setCellPadding(5);
