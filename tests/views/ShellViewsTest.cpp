@@ -296,3 +296,36 @@ TEST_F(Shell, disconnectAsksFirstAndTheChatErrorShowsOnce)
     shell->perform(MenuContent::Action::disconnect);
     EXPECT_EQ(model->pairing().state, AppModel::Pairing::State::unpaired);
 }
+
+TEST_F(Shell, hostileContentDegradesWithoutLosingTheWayToTheWindow)
+{
+    // A hub that fails every load: the list says so and offers to try again.
+    hub.on("GET", "/app/conversations", TestHub::error(500, "down"));
+    MainWindow &main = window();
+    await(chat->reloadConversations(false));
+    main.rebuildNow();
+    ASSERT_TRUE(rowFor(main.sidebar(), "retry")) << qPrintable(rows(main.sidebar()).join('|'));
+    EXPECT_TRUE(rows(main.sidebar()).join('|').contains("Couldn't load your chats"));
+
+    // Ten thousand chats, an enormous reply, a huge table, a broken link.
+    QJsonArray many;
+    for (int i = 0; i < 10000; ++i)
+        many.append(conversationJson(QStringLiteral("c%1").arg(i), QStringLiteral("Chat %1").arg(i), 1000 + i));
+    list("/app/conversations", "conversations", many);
+    QString table = "| a | b |\n|---|---|\n";
+    for (int i = 0; i < 3000; ++i)
+        table += QStringLiteral("| %1 | %2 |\n").arg(i).arg(QString(40, 'x'));
+    hub.on("GET", "/app/history",
+           TestHub::json(QJsonObject{{"entries", QJsonArray{entryJson("big", "assistant", QString(300000, 'w'), 1000, "c0"),
+                                                           entryJson("table", "assistant", table, 2000, "c0"),
+                                                           entryJson("link", "assistant", "[broken](ht!tp://::nope) ![x](nowhere.png)", 3000, "c0")}}}));
+    await(chat->reloadConversations(false));
+    main.rebuildNow();
+    EXPECT_GE(main.sidebar()->topLevelItemCount(), 10000);
+    main.select(MainWindow::Selection{MainWindow::Selection::Kind::chat, "c0"});
+    ASSERT_TRUE(waitUntil([&] { return main.chatPane()->messages()->rows() == 3; }));
+    main.chatPane()->messages()->measureAll();
+    EXPECT_EQ(main.chatPane()->messages()->measured(), 3);
+    EXPECT_GT(main.chatPane()->messages()->rowRect(0).height(), 1000) << "the long reply wraps";
+    EXPECT_FALSE(main.grab().isNull());
+}
