@@ -15,7 +15,7 @@ ChatConnection::ChatConnection(std::unique_ptr<QWebSocket> socket, QObject *pare
             return;
         m_open = true;
         emit opened();
-        emit settled();
+        settle();
     });
     connect(m_socket.get(), &QWebSocket::textMessageReceived, this, [this](const QString &message) {
         if (!m_ended)
@@ -64,6 +64,16 @@ void ChatConnection::end()
         return;
     m_ended = true;
     emit ended();
+    settle();
+}
+
+void ChatConnection::settle()
+{
+    // Once: a waiter gets the signal through a queued call, and a second call
+    // that comes after the waiter has gone would reach freed memory.
+    if (m_settled)
+        return;
+    m_settled = true;
     emit settled();
 }
 

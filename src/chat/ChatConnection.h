@@ -40,10 +40,12 @@ signals:
 
 private:
     void end();
+    void settle();
 
     std::unique_ptr<QWebSocket> m_socket;
     bool m_open = false;
     bool m_ended = false;
+    bool m_settled = false;
     bool m_unauthorized = false;
 };
 
