@@ -3,6 +3,8 @@
 #include "app/AppDelegate.h"
 #include "app/Handoff.h"
 #include "app/views/AppShell.h"
+#include "awake/StayAwake.h"
+#include "awake/views/StayAwakeViews.h"
 #include "app/WindowOpener.h"
 #include "app/SingleInstance.h"
 #include "base/AppLog.h"
@@ -31,6 +33,7 @@
 #include "platform/linux/DesktopShortcuts.h"
 #include "platform/linux/LauncherBadge.h"
 #include "platform/linux/LinuxWorkspace.h"
+#include "platform/linux/PolkitPower.h"
 #include "platform/linux/X11HotKeyService.h"
 #include "platform/linux/TesseractRecognizer.h"
 #include "platform/linux/X11Pasteboard.h"
@@ -210,7 +213,18 @@ int main(int argc, char **argv)
     // The phone's clipboard requests come as the agent's lines; answers go back on its input.
     ClipboardRemote clipboardRemote(clipboard, workspace, ClipboardRemote::defaultOutbox(),
                                     [&model](const QString &line) { return model.agent().send(line); });
+    // Staying awake: the agent holds logind's inhibitors; the app asks, and keeps
+    // the agent told whether polkit lets this session hold the lid switch too.
+    PolkitPower power;
+    StayAwake stayAwake(clock, power, Paths::support() + QStringLiteral("/awake-helper.json"),
+                        [&model](const QString &line) { return model.agent().send(line); });
+    StayAwake::setShared(&stayAwake);
+    QObject::connect(&model, &AppModel::agentStarted, &stayAwake, [&stayAwake] { stayAwake.agentStarted(); });
+    QObject::connect(&model, &AppModel::agentEnded, &stayAwake, [&stayAwake] { stayAwake.agentEnded(); });
+
     AppModel::Hooks hooks = model.hooks();
+    hooks.stayAwake = [&stayAwake](const QJsonObject &payload) { stayAwake.handleLine(payload); };
+    hooks.permissionsLooked = [&stayAwake] { stayAwake.refresh(); };
     hooks.clipboardAsk = [&clipboardRemote](const QString &line) { clipboardRemote.handle(line); };
     model.setHooks(hooks);
 
@@ -242,6 +256,7 @@ int main(int argc, char **argv)
             settingsWindow = std::make_unique<QWidget>();
             settingsWindow->setWindowTitle(QObject::tr("Zuv Settings"));
             auto *layout = new QVBoxLayout(settingsWindow.get());
+            layout->addWidget(new StayAwakeSection(stayAwake, clock));
             layout->addWidget(new AppShortcutsView(appShortcuts, hotKeys, keys, workspace));
             settingsWindow->resize(560, 480);
         }
@@ -252,6 +267,7 @@ int main(int argc, char **argv)
 
     AppDelegate delegate(clock, model, chat, notifier, opener, appShortcuts, diagnostics, updates);
     delegate.clipboard = &clipboard;
+    delegate.stayAwake = &stayAwake;
     delegate.clipboardPanel = &clipboardPanel;
     clipboardPanel.settings = [&opener] {
         if (opener.settings)
@@ -279,7 +295,8 @@ int main(int argc, char **argv)
                     },
                     [&clipboardPanel] { clipboardPanel.show(); }, [&updater] { updater.checkForUpdates(); },
                     [] { QDesktopServices::openUrl(QUrl::fromLocalFile(Paths::logs())); }, [] { QApplication::quit(); },
-                    [&speaker](const QString &text) { spawn(speaker.speak(text), QStringLiteral("Reading aloud")); }});
+                    [&speaker](const QString &text) { spawn(speaker.speak(text), QStringLiteral("Reading aloud")); },
+                    &stayAwake});
     delegate.showSetupWindow = [&shell] { shell.showSetup(); };
     delegate.windowFlags = [&shell](const QStringList &arguments) { shell.runFlags(arguments); };
     clipboard.handoff = [&](const QString &text, const std::vector<OutgoingFile> &files) {

@@ -3,7 +3,8 @@
 // markers anywhere in a line, with no escaping, so the agent prints only lines of
 // its own making: never a payload, a close reason or an error text from the hub.
 // Markers: "hub connected", "hub closed <code>", "claude-code {…}",
-// "clipboard-ask {…}" (a JSON the agent builds from checked values). Commands
+// "clipboard-ask {…}" (a JSON the agent builds from checked values), "stay-awake {…}"
+// (the state of keeping this computer awake, from power.mjs). Commands
 // from the app arrive as JSON lines on stdin; the end of stdin means the app is
 // gone. The clipboard protocol with the hub is written down in agent/README.md.
 import { createRequire } from 'node:module';
@@ -11,6 +12,7 @@ import { createInterface } from 'node:readline';
 import { accessSync, constants } from 'node:fs';
 import path from 'node:path';
 import { Clipboard } from './clipboard.mjs';
+import { Power } from './power.mjs';
 
 const require = createRequire(import.meta.url);
 
@@ -170,12 +172,19 @@ const clipboard = new Clipboard({
   },
 });
 
+// The app's power commands: logind's inhibitors, held for as long as asked.
+const power = new Power({ say, statusFile: process.env.ZUV_AWAKE_STATUS || '' });
+
 const input = createInterface({ input: process.stdin });
 input.on('line', (line) => {
   try {
     const command = JSON.parse(line);
     if (command && typeof command === 'object' && Number.isSafeInteger(command.clipboard)) {
       clipboard.answered(command);
+      return;
+    }
+    if (command && typeof command === 'object' && typeof command.power === 'string') {
+      power.handle(command);
       return;
     }
     const keys = command && typeof command === 'object' ? Object.keys(command).map(word).filter(Boolean) : [];
@@ -191,6 +200,7 @@ function stop() {
   if (stopping) return;
   stopping = true;
   clipboard.stop();
+  power.stop();
   clearTimeout(retryTimer);
   stopHeartbeat();
   if (socket) socket.close(1000);

@@ -3,6 +3,7 @@
 #include "base/Clock.h"
 #include "app/Handoff.h"
 #include "app/WindowOpener.h"
+#include "awake/StayAwake.h"
 #include "base/Job.h"
 #include "chat/ChatModel.h"
 #include "clipboard/ClipboardHistory.h"
@@ -69,6 +70,8 @@ void AppDelegate::applicationDidFinishLaunching(const QStringList &arguments)
 {
     // A child that closes its pipe must not take the app down with it.
     std::signal(SIGPIPE, SIG_IGN);
+    if (stayAwake)
+        stayAwake->refresh();
 
     m_diagnostics.start();
     m_minimumCheck = Job::start([this](CancelToken token) { return checkMinimumForever(std::move(token)); },

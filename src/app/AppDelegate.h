@@ -19,6 +19,7 @@ class Clock;
 class Notifier;
 class WindowOpener;
 class Diagnostics;
+class StayAwake;
 class Updates;
 
 // The launch order of the application and what it does with the arguments of a
@@ -54,6 +55,9 @@ public:
     std::function<void(const QStringList &)> windowFlags; // "--open-chat" with "--send-test"
 
     static constexpr double permissionInterval = 3;
+
+    // Looked at in the launch, before the children start, where there is one.
+    StayAwake *stayAwake = nullptr;
 
     // Started at launch and cleared at quit, where there is one.
     ClipboardHistory *clipboard = nullptr;

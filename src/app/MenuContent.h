@@ -26,6 +26,7 @@ struct MenuContent {
         checkForUpdates,
         disconnect,
         quit,
+        stayAwakeMenu, // where the stay-awake entries go
     };
 
     struct Item {
@@ -33,7 +34,7 @@ struct MenuContent {
         Action action = Action::none;
         bool divider = false;
         QString shortcut; // a QKeySequence in portable text ("Ctrl+Q"), or empty
-        bool enabled() const { return action != Action::none; }
+        bool enabled() const { return action != Action::none && action != Action::stayAwakeMenu; }
         bool operator==(const Item &) const = default;
     };
 

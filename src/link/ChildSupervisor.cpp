@@ -51,7 +51,8 @@ bool ChildSupervisor::ownerEnvFile() const
 Child::Environment ChildSupervisor::agentEnvironment() const
 {
     Child::Environment env;
-    for (const char *name : {"HOME", "USER", "LOGNAME", "LANG", "TMPDIR", "SHELL"}) {
+    // The system bus's address where the desktop moved it: logind is reached through it.
+    for (const char *name : {"HOME", "USER", "LOGNAME", "LANG", "TMPDIR", "SHELL", "DBUS_SYSTEM_BUS_ADDRESS"}) {
         if (qEnvironmentVariableIsSet(name))
             env[QString::fromLatin1(name)] = qEnvironmentVariable(name);
     }

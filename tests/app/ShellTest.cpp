@@ -25,7 +25,7 @@ QStringList titles(const MenuContent::State &state)
 {
     QStringList out;
     for (const auto &item : MenuContent::items(state))
-        out << (item.divider ? QStringLiteral("—") : item.title);
+        out << (item.divider ? QStringLiteral("—") : item.action == A::stayAwakeMenu ? QStringLiteral("⟨awake⟩") : item.title);
     return out;
 }
 
@@ -81,12 +81,12 @@ TEST(MenuContent, statusLinesErrorsAndItemsFollowTheState)
     EXPECT_EQ(titles(s).mid(0, 2), QStringList({"Connected (Zuv doesn't answer here)", "Set Up Claude Code…"}));
     s.answers = true;
     EXPECT_FALSE(titles(s).contains("Set Up Claude Code…"));
-    EXPECT_EQ(titles(s), QStringList({"Connected: Zuv answers from this computer", "—", "Open Zuv", "New Chat", "—",
+    EXPECT_EQ(titles(s), QStringList({"Connected: Zuv answers from this computer", "—", "Open Zuv", "New Chat", "—", "⟨awake⟩", "—",
                                       "Settings…", "Open Logs Folder", "Check for Updates…", "Disconnect This Computer…",
                                       "—", "Quit Zuv"}));
     const auto items = MenuContent::items(s);
     EXPECT_FALSE(items[0].enabled());
-    EXPECT_EQ(items[5].shortcut, "Ctrl+,");
+    EXPECT_EQ(items[7].shortcut, "Ctrl+,");
     EXPECT_EQ(items.back().shortcut, "Ctrl+Q");
 
     MenuContent::State unpaired;

@@ -3,6 +3,8 @@
 #include "app/WindowOpener.h"
 #include "app/views/SetupWindow.h"
 #include "app/views/Tray.h"
+#include "awake/StayAwake.h"
+#include "awake/views/StayAwakeViews.h"
 #include "base/Defaults.h"
 #include "base/Log.h"
 #include "chat/ChatModel.h"
@@ -10,6 +12,7 @@
 #include "surface/views/MainWindow.h"
 
 #include <QApplication>
+#include <QVBoxLayout>
 #include <QMessageBox>
 #include <QPushButton>
 
@@ -30,6 +33,8 @@ void raise(QWidget *window)
 AppShell::AppShell(Parts parts, QObject *parent) : QObject(parent), m_parts(std::move(parts))
 {
     m_tray = std::make_unique<Tray>(m_parts.menuState);
+    if (StayAwake *awake = m_parts.stayAwake)
+        m_tray->fillStayAwake = [awake, this](QMenu *menu) { StayAwakeMenu::fill(menu, *awake, m_parts.clock); };
     connect(m_tray.get(), &Tray::triggered, this, &AppShell::perform);
     connect(m_tray.get(), &Tray::activated, this, &AppShell::openMain);
     const auto connected = [this] { m_tray->setConnected(m_parts.app.connected()); };
@@ -67,8 +72,15 @@ void AppShell::start()
 
 void AppShell::showSetup()
 {
-    if (!m_setup)
+    if (!m_setup) {
         m_setup = std::make_unique<SetupWindow>(m_parts.app);
+        if (StayAwake *awake = m_parts.stayAwake) {
+            m_setup->stayAwakeEnabled = [awake] { return awake->helper() == StayAwake::Status::enabled; };
+            m_setup->stayAwakeSlot()->addWidget(new StayAwakeSection(*awake, m_parts.clock));
+            connect(awake, &StayAwake::changed, m_setup.get(), &SetupWindow::refresh);
+        }
+        m_setup->refresh();
+    }
     raise(m_setup.get());
 }
 
@@ -117,6 +129,7 @@ void AppShell::perform(MenuContent::Action action)
             m_parts.openClipboard();
         break;
     case A::quickAsk:
+    case A::stayAwakeMenu:
         break;
     case A::newChat:
         openMain();

@@ -4,6 +4,7 @@
 
 #include <QObject>
 
+
 #include <functional>
 #include <memory>
 
@@ -18,6 +19,7 @@ class MacAPI;
 class MainWindow;
 class SettingsModel;
 class SetupWindow;
+class StayAwake;
 class Tray;
 class WindowOpener;
 
@@ -40,6 +42,8 @@ public:
         std::function<void()> openLogs;
         std::function<void()> quit;
         std::function<void(const QString &)> readAloud;
+        // The awake session, whose controls join the tray and the guide, where there is one.
+        StayAwake *stayAwake = nullptr;
     };
 
     explicit AppShell(Parts parts, QObject *parent = nullptr);

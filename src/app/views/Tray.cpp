@@ -90,6 +90,11 @@ void Tray::rebuild()
             m_menu->addSeparator();
             continue;
         }
+        if (item.action == MenuContent::Action::stayAwakeMenu) {
+            if (fillStayAwake)
+                fillStayAwake(m_menu.get());
+            continue;
+        }
         QAction *act = m_menu->addAction(item.title);
         act->setEnabled(item.enabled());
         if (!item.shortcut.isEmpty())

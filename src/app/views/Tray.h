@@ -28,6 +28,9 @@ public:
 
     QMenu *menu() const { return m_menu.get(); }
     QSystemTrayIcon *icon() const { return m_icon; }
+    // Puts the stay-awake entries into the menu, where there are some.
+    std::function<void(QMenu *)> fillStayAwake;
+
     // Fills the menu from the state now (it also happens as it opens).
     void rebuild();
 
