@@ -175,6 +175,7 @@ private:
     QCoro::Task<void> readTokenAgain(CancelToken token);
     static QString keychainText(const QString &why);
     void setPairing(Pairing pairing);
+    void requestPermission(bool (ScreenAccess::*request)());
     void agentStateChanged(Child::State state);
     void paired(const QString &token, bool owner);
 

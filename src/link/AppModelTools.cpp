@@ -70,23 +70,18 @@ void AppModel::refreshPermissions()
         m_hooks.permissionsLooked();
 }
 
-void AppModel::requestScreenRecording()
+void AppModel::requestPermission(bool (ScreenAccess::*request)())
 {
+    // Asked in this run: the guide may offer to start again.
     m_askedForPermissions = true;
     if (m_desktop.access)
-        m_desktop.access->requestScreenRecording();
+        (m_desktop.access->*request)();
     emit permissionsChanged();
     refreshPermissions();
 }
 
-void AppModel::requestAccessibility()
-{
-    m_askedForPermissions = true;
-    if (m_desktop.access)
-        m_desktop.access->requestAccessibility();
-    emit permissionsChanged();
-    refreshPermissions();
-}
+void AppModel::requestScreenRecording() { requestPermission(&ScreenAccess::requestScreenRecording); }
+void AppModel::requestAccessibility() { requestPermission(&ScreenAccess::requestAccessibility); }
 
 void AppModel::setLaunchAtLogin(bool on)
 {

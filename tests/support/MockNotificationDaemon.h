@@ -1,5 +1,6 @@
 #pragma once
 
+#include "PrivateSystemBus.h"
 #include "Support.h"
 
 #include <QDBusArgument>
@@ -19,19 +20,9 @@ class MockNotificationDaemon {
 public:
     explicit MockNotificationDaemon(bool withDaemon = true)
     {
-        // A bus with no service files: nothing on it is started on demand (the
-        // desktop's own notification daemon would be).
-        writeText(m_home.file("bus.conf"),
-                        "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-                        " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-                        "<busconfig><type>session</type><listen>unix:tmpdir=/tmp</listen><auth>EXTERNAL</auth>"
-                        "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                        "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n");
-        m_daemon.start(QStringLiteral("dbus-daemon"),
-                       {"--config-file=" + m_home.file("bus.conf"), "--nofork", "--print-address=1"});
-        if (!m_daemon.waitForStarted(5000) || !waitUntil([&] { return m_daemon.canReadLine(); }, 10000))
+        m_address = startPrivateBus(m_daemon, m_home, "session");
+        if (m_address.isEmpty())
             return;
-        m_address = QString::fromUtf8(m_daemon.readLine()).trimmed();
         auto env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), m_address);
         m_mock.setProcessEnvironment(env);

@@ -12,6 +12,25 @@
 
 namespace zuv::test {
 
+// Starts a dbus-daemon of the test's own of `type` ("session" or "system") with no
+// service files, so that nothing on it is started on demand; gives its address,
+// or an empty one when it did not start.
+inline QString startPrivateBus(QProcess &daemon, const TempHome &home, const char *type)
+{
+    writeText(home.file("bus.conf"),
+              QStringLiteral("<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
+                             " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
+                             "<busconfig><type>%1</type><listen>unix:tmpdir=/tmp</listen><auth>EXTERNAL</auth>"
+                             "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
+                             "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n")
+                  .arg(QLatin1String(type))
+                  .toUtf8());
+    daemon.start(QStringLiteral("dbus-daemon"), {"--config-file=" + home.file("bus.conf"), "--nofork", "--print-address=1"});
+    if (!daemon.waitForStarted(5000) || !waitUntil([&] { return daemon.canReadLine(); }, 10000))
+        return {};
+    return QString::fromUtf8(daemon.readLine()).trimmed();
+}
+
 // A system bus of the test's own, with python3-dbusmock services on it: logind and
 // polkit stand in where CI has neither. Children started after it see it through
 // DBUS_SYSTEM_BUS_ADDRESS.
@@ -19,17 +38,9 @@ class PrivateSystemBus {
 public:
     PrivateSystemBus()
     {
-        writeText(m_home.file("bus.conf"),
-                  "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\"\n"
-                  " \"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n"
-                  "<busconfig><type>system</type><listen>unix:tmpdir=/tmp</listen><auth>EXTERNAL</auth>"
-                  "<policy context=\"default\"><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                  "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n");
-        m_daemon.start(QStringLiteral("dbus-daemon"),
-                       {"--config-file=" + m_home.file("bus.conf"), "--nofork", "--print-address=1"});
-        if (!m_daemon.waitForStarted(5000) || !waitUntil([&] { return m_daemon.canReadLine(); }, 10000))
+        m_address = startPrivateBus(m_daemon, m_home, "system");
+        if (m_address.isEmpty())
             return;
-        m_address = QString::fromUtf8(m_daemon.readLine()).trimmed();
         m_previous = qgetenv("DBUS_SYSTEM_BUS_ADDRESS");
         qputenv("DBUS_SYSTEM_BUS_ADDRESS", m_address.toUtf8());
         m_bus = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(m_address, name()));

@@ -2,6 +2,7 @@
 
 #include "app/SetupGuide.h"
 #include "link/AppModel.h"
+#include "surface/views/Headline.h"
 
 #include "app/views/Tray.h"
 
@@ -60,12 +61,7 @@ SetupWindow::SetupWindow(AppModel &model, QWidget *parent) : QWidget(parent, Qt:
     icon->setPixmap(QIcon(QStringLiteral(":/zuv/app.svg")).pixmap(56, 56));
     header->addWidget(icon);
     auto *names = new QVBoxLayout;
-    auto *name = new QLabel(tr("Zuv for Linux"));
-    QFont big = name->font();
-    big.setPointSizeF(big.pointSizeF() * 1.5);
-    big.setBold(true);
-    name->setFont(big);
-    names->addWidget(name);
+    names->addWidget(headline(tr("Zuv for Linux"), 1.5, Qt::AlignLeft));
     names->addWidget(secondary(tr("Your AI agents and this computer, from your iPhone.")));
     header->addLayout(names, 1);
     column->addLayout(header);

@@ -71,20 +71,18 @@ StayAwakeSection::StayAwakeSection(StayAwake &awake, Clock &clock, QWidget *pare
     column->addWidget(m_state);
 
     auto *row = new QHBoxLayout;
-    m_keep = new QToolButton;
-    m_keep->setText(tr("Keep Awake"));
-    m_keep->setPopupMode(QToolButton::InstantPopup);
-    auto *keepMenu = new QMenu(m_keep);
-    StayAwakeMenu::addDurations(keepMenu, m_awake);
-    m_keep->setMenu(keepMenu);
-    row->addWidget(m_keep);
-    m_extend = new QToolButton;
-    m_extend->setText(tr("Extend"));
-    m_extend->setPopupMode(QToolButton::InstantPopup);
-    auto *extendMenu = new QMenu(m_extend);
-    StayAwakeMenu::addExtensions(extendMenu, m_awake);
-    m_extend->setMenu(extendMenu);
-    row->addWidget(m_extend);
+    const auto menuButton = [&](const QString &title, void (*fill)(QMenu *, StayAwake &)) {
+        auto *button = new QToolButton;
+        button->setText(title);
+        button->setPopupMode(QToolButton::InstantPopup);
+        auto *menu = new QMenu(button);
+        fill(menu, m_awake);
+        button->setMenu(menu);
+        row->addWidget(button);
+        return button;
+    };
+    m_keep = menuButton(tr("Keep Awake"), &StayAwakeMenu::addDurations);
+    m_extend = menuButton(tr("Extend"), &StayAwakeMenu::addExtensions);
     m_sleep = new QPushButton(tr("Allow Sleep"));
     connect(m_sleep, &QPushButton::clicked, this, [this] { m_awake.allowSleep(); });
     row->addWidget(m_sleep);

@@ -4,6 +4,7 @@
 #include "base/Job.h"
 #include "chat/ChatModel.h"
 #include "surface/views/Composer.h"
+#include "surface/views/Headline.h"
 #include "surface/views/MessageList.h"
 
 #include <QDragEnterEvent>
@@ -62,12 +63,7 @@ ChatPane::ChatPane(ChatModel &chat, Clock &clock, QWidget *parent) : QWidget(par
     {
         auto *box = new QVBoxLayout(m_failed);
         box->addStretch();
-        auto *title = new QLabel(tr("Couldn't Load This Chat"));
-        QFont bold = title->font();
-        bold.setBold(true);
-        title->setFont(bold);
-        title->setAlignment(Qt::AlignCenter);
-        box->addWidget(title);
+        box->addWidget(headline(tr("Couldn't Load This Chat"), 1.0));
         auto *text = new QLabel(tr("Check your connection, then try again."));
         text->setAlignment(Qt::AlignCenter);
         box->addWidget(text);
@@ -84,13 +80,7 @@ ChatPane::ChatPane(ChatModel &chat, Clock &clock, QWidget *parent) : QWidget(par
     {
         auto *box = new QVBoxLayout(m_empty);
         box->addStretch();
-        auto *title = new QLabel(tr("How can I help?"));
-        QFont big = title->font();
-        big.setPointSizeF(big.pointSizeF() * 1.4);
-        big.setBold(true);
-        title->setFont(big);
-        title->setAlignment(Qt::AlignCenter);
-        box->addWidget(title);
+        box->addWidget(headline(tr("How can I help?"), 1.4));
         for (const QString &prompt : {tr("What changed in my projects under ~/code this week?"),
                                       tr("Summarise the newest file in ~/Downloads."),
                                       tr("Which processes use the most memory right now?")}) {

@@ -13,6 +13,7 @@
 #include "surface/Sidebar.h"
 #include "surface/TimeLabel.h"
 #include "surface/views/ChatPane.h"
+#include "surface/views/Headline.h"
 
 #include <QAction>
 #include <QCloseEvent>
@@ -81,13 +82,7 @@ MainWindow::MainWindow(AppModel &app, ChatModel &chat, SettingsModel &settings, 
         icon->setPixmap(QIcon(QStringLiteral(":/zuv/app.svg")).pixmap(72, 72));
         icon->setAlignment(Qt::AlignCenter);
         box->addWidget(icon);
-        auto *title = new QLabel(tr("Pair Zuv with your iPhone"));
-        QFont big = title->font();
-        big.setPointSizeF(big.pointSizeF() * 1.5);
-        big.setBold(true);
-        title->setFont(big);
-        title->setAlignment(Qt::AlignCenter);
-        box->addWidget(title);
+        box->addWidget(headline(tr("Pair Zuv with your iPhone"), 1.5));
         auto *text = new QLabel(tr("Sign in to Zuv on your iPhone, then pair this computer to chat here and let Zuv work on it."));
         text->setWordWrap(true);
         text->setAlignment(Qt::AlignCenter);
