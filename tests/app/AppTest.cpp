@@ -15,6 +15,11 @@
 #include <QLockFile>
 #include <QProcess>
 #include <QWebSocket>
+#include <QDBusArgument>
+#include <QDBusConnectionInterface>
+#include <QDBusVariant>
+
+#include <optional>
 
 #include <csignal>
 
@@ -64,10 +69,10 @@ protected:
         return env;
     }
 
-    QProcess *launch(const QStringList &arguments)
+    QProcess *launch(const QStringList &arguments, std::optional<QProcessEnvironment> env = std::nullopt)
     {
         auto process = std::make_unique<QProcess>();
-        process->setProcessEnvironment(environment());
+        process->setProcessEnvironment(env.value_or(environment()));
         process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
         process->start(QStringLiteral(ZUV_EXECUTABLE), arguments);
         EXPECT_TRUE(process->waitForStarted(5000));
@@ -293,4 +298,59 @@ TEST_F(AppTest, aBrokenDefaultsFileDoesNotStopTheApp)
     ASSERT_TRUE(logSays(" started, pid "));
     ASSERT_TRUE(logSays("is not valid")) << appLog().toStdString();
     EXPECT_EQ(test::readText(home.file("config/Zuv/defaults.json.broken")), "{ \"server\": ");
+}
+
+TEST_F(AppTest, onADesktopWithATrayHostTheIconRegistersAndTheGuideShowsTheQrCode)
+{
+    // A session bus with a stand-in StatusNotifierWatcher: the tray host of KDE and
+    // of GNOME's AppIndicator extension.
+    test::MockNotificationDaemon daemon(false);
+    ASSERT_TRUE(daemon.up());
+    bus = daemon.address();
+    QProcess watcher;
+    auto mockEnv = QProcessEnvironment::systemEnvironment();
+    mockEnv.insert("DBUS_SESSION_BUS_ADDRESS", bus);
+    watcher.setProcessEnvironment(mockEnv);
+    watcher.start("/usr/bin/python3", {"-m", "dbusmock", "org.kde.StatusNotifierWatcher", "/StatusNotifierWatcher",
+                                      "org.kde.StatusNotifierWatcher"});
+    ASSERT_TRUE(test::waitUntil([&] {
+        return daemon.bus().interface()->isServiceRegistered("org.kde.StatusNotifierWatcher").value();
+    }, 15000));
+    const auto mock = [&](const QString &method, const QVariantList &args) {
+        QDBusMessage call = QDBusMessage::createMethodCall("org.kde.StatusNotifierWatcher", "/StatusNotifierWatcher",
+                                                           "org.freedesktop.DBus.Mock", method);
+        call.setArguments(args);
+        return daemon.bus().call(call);
+    };
+    mock("AddProperty", {"org.kde.StatusNotifierWatcher", "IsStatusNotifierHostRegistered",
+                         QVariant::fromValue(QDBusVariant(true))});
+    mock("AddProperty", {"org.kde.StatusNotifierWatcher", "ProtocolVersion", QVariant::fromValue(QDBusVariant(0))});
+    mock("AddProperty", {"org.kde.StatusNotifierWatcher", "RegisteredStatusNotifierItems",
+                         QVariant::fromValue(QDBusVariant(QStringList()))});
+    mock("AddMethod", {"org.kde.StatusNotifierWatcher", "RegisterStatusNotifierItem", "s", "", ""});
+    mock("AddMethod", {"org.kde.StatusNotifierWatcher", "RegisterStatusNotifierHost", "s", "", ""});
+
+    // The real app on the X display, unpaired: the icon registers and the guide opens.
+    auto env = environment();
+    env.insert("QT_QPA_PLATFORM", "xcb");
+    env.insert("DISPLAY", qEnvironmentVariable("DISPLAY"));
+    ASSERT_FALSE(env.value("DISPLAY").isEmpty()) << "the tests run in a desktop session";
+    QProcess *app = launch({"--pair"}, env);
+    ASSERT_TRUE(logSays("pairing link zuvkel://pair/Q7X2")) << appLog().toStdString();
+    const auto registered = [&] {
+        const QDBusMessage calls = mock("GetMethodCalls", {"RegisterStatusNotifierItem"});
+        return calls.type() == QDBusMessage::ReplyMessage
+            && !qdbus_cast<QVariantList>(calls.arguments().at(0).value<QDBusArgument>()).isEmpty();
+    };
+    EXPECT_TRUE(test::waitUntil(registered, 15000)) << appLog().toStdString();
+    EXPECT_FALSE(appLog().contains("shows no tray icons"));
+
+    // The guide is a window of its own on the display, titled Zuv.
+    QProcess list;
+    list.start("xdotool", {"search", "--name", "^Zuv$"});
+    list.waitForFinished(5000);
+    EXPECT_FALSE(list.readAllStandardOutput().trimmed().isEmpty()) << "a window titled Zuv is on the display";
+    EXPECT_EQ(app->state(), QProcess::Running);
+    watcher.kill();
+    watcher.waitForFinished(3000);
 }
