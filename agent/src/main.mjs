@@ -122,6 +122,13 @@ function connect() {
       clipboard.ask(message);
       return;
     }
+    if (kind === 'power') {
+      // The phone's power commands: the same checks as the app's, then an acknowledgement.
+      const id = typeof message.id === 'string' || Number.isSafeInteger(message.id) ? message.id : null;
+      if (typeof message.power === 'string') power.handle({ power: message.power, minutes: message.minutes });
+      if (id !== null) toHub({ type: 'power-reply', id, result: { ok: true } });
+      return;
+    }
     say(kind ? `hub message ${kind}` : 'hub message');
   });
   current.on('unexpected-response', (request, response) => {
@@ -163,17 +170,19 @@ function retry() {
   }, delay);
 }
 
+function toHub(message) {
+  if (socket && socket.readyState === WebSocket.OPEN) socket.send(JSON.stringify(message));
+}
+
 // The phone's clipboard requests go to the app and its answers back to the hub.
 const clipboard = new Clipboard({
   outbox: path.join(process.env.ZUV_WORK_DIR || '.', 'clipboard'),
   say,
-  toHub: (reply) => {
-    if (socket && socket.readyState === WebSocket.OPEN) socket.send(JSON.stringify(reply));
-  },
+  toHub,
 });
 
 // The app's power commands: logind's inhibitors, held for as long as asked.
-const power = new Power({ say, statusFile: process.env.ZUV_AWAKE_STATUS || '' });
+const power = new Power({ say, statusFile: process.env.ZUV_AWAKE_STATUS || '', toHub });
 
 const input = createInterface({ input: process.stdin });
 input.on('line', (line) => {

@@ -13,8 +13,9 @@ const MINUTE_MS = Number(process.env.ZUV_AWAKE_MINUTE_MS) || 60000;
 const LONGEST_TIMER_MS = 2 ** 31 - 1; // what one setTimeout can wait
 
 export class Power {
-  constructor({ say, statusFile, inhibit = 'systemd-inhibit', now = () => Date.now() }) {
+  constructor({ say, statusFile, toHub = () => {}, inhibit = 'systemd-inhibit', now = () => Date.now() }) {
     this.say = say;
+    this.toHub = toHub;
     this.statusFile = statusFile;
     this.inhibit = inhibit;
     this.now = now;
@@ -154,7 +155,9 @@ export class Power {
   report() {
     // A hold still being taken is told once it holds, or once it fails.
     if (this.hold && !this.hold.held) return;
-    this.say(`stay-awake ${JSON.stringify(this.session())}`);
+    const session = this.session();
+    this.say(`stay-awake ${JSON.stringify(session)}`);
+    this.toHub({ type: 'awake', session }); // the phone shows it too
   }
 
   stop() {

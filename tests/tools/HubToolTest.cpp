@@ -1,0 +1,256 @@
+// zuv-hub as a process of its own, used by the app's own models over real HTTP and
+// WebSocket: pairing from the phone's side, the chat with its stand-in, a tool
+// request answered, the agent's close codes, bad requests and a restart.
+#include "clipboard/ClipRules.h"
+#include "clipboard/ClipboardHistory.h"
+#include "clipboard/ClipboardRemote.h"
+#include "link/AppModel.h"
+
+#include "FakePasteboard.h"
+#include "FakeWorkspace.h"
+
+#include "../chat/ChatFixture.h"
+
+#include <QNetworkReply>
+#include <QProcess>
+#include <QWebSocket>
+
+using namespace zuv;
+using namespace zuv::test;
+
+namespace {
+
+// One zuv-hub process on a free port, with its data in a folder of the test's own.
+struct HubProcess {
+    TempHome data;
+    QProcess process;
+    QUrl url;
+
+    HubProcess() { start(); }
+    ~HubProcess() { stop(); }
+    void start()
+    {
+        process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        process.start(QStringLiteral(ZUV_HUB), {"--listen", "127.0.0.1:0", "--data", data.file("hub"), "--turn-delay", "0.05"});
+        if (!process.waitForStarted(5000) || !waitUntil([&] { return process.canReadLine(); }, 15000))
+            return;
+        const QString line = QString::fromUtf8(process.readLine());
+        const QRegularExpression address(QStringLiteral("http://127\\.0\\.0\\.1:\\d+"));
+        url = QUrl(address.match(line).captured(0));
+    }
+    void stop()
+    {
+        process.terminate();
+        if (!process.waitForFinished(5000))
+            process.kill();
+        process.waitForFinished(2000);
+    }
+};
+
+struct HubTool : HubProcess, ChatFixture, ::testing::Test {
+    HubTool() : ChatFixture(HubProcess::url) { keychain.setToken(std::nullopt); }
+
+    QJsonObject call(const QByteArray &method, const QString &path, const QByteArray &body = {}, const QString &token = {},
+                     int *status = nullptr)
+    {
+        QNetworkRequest request(QUrl(HubProcess::url.toString() + path));
+        request.setHeader(QNetworkRequest::ContentTypeHeader, "application/json");
+        if (!token.isEmpty())
+            request.setRawHeader("authorization", "Bearer " + token.toUtf8());
+        QNetworkReply *reply = network.sendCustomRequest(request, method, body);
+        waitUntil([&] { return reply->isFinished(); }, 10000);
+        if (status)
+            *status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+        const QJsonObject out = QJsonDocument::fromJson(reply->readAll()).object();
+        reply->deleteLater();
+        return out;
+    }
+
+    // Pairs the app's model through the hub, the phone claiming the code. Gives the phone's token.
+    QString pair(AppModel &model)
+    {
+        model.startPairing();
+        if (!waitUntil([&] { return model.pairing().state == AppModel::Pairing::State::showing; }))
+            return {};
+        const QString code = model.pairing().code;
+        const QString phone = call("POST", "/phone/pair",
+                                   QJsonDocument(QJsonObject{{"code", code.left(4) + "-" + code.mid(4).toLower()}}).toJson())
+                                  .value("token").toString();
+        for (int i = 0; i < 20 && model.pairing().state != AppModel::Pairing::State::paired; ++i) {
+            waitUntil([&] { return clock.sleepers() > 0; }, 2000);
+            clock.advance(2);
+            waitUntil([&] { return model.pairing().state == AppModel::Pairing::State::paired; }, 500);
+        }
+        return phone;
+    }
+};
+
+} // namespace
+
+TEST_F(HubTool, pairingChatAndAToolRequestWorkThroughTheRealHub)
+{
+    ASSERT_TRUE(HubProcess::url.isValid()) << "zuv-hub did not start";
+    auto model = makeModel();
+    const QString phone = pair(*model);
+    ASSERT_EQ(model->pairing().state, AppModel::Pairing::State::paired);
+    ASSERT_FALSE(phone.isEmpty());
+    ASSERT_TRUE(keychain.token());
+
+    // The app's chat: the socket goes live, a message is answered by the stand-in.
+    chat->start();
+    ASSERT_TRUE(waitUntil([&] { return chat->live(); }, 10000));
+    const auto sending = chat->send("What is on my disk?", {}, {}, "c1");
+    ASSERT_TRUE(waitUntil([&] {
+        const EntryList *list = chat->entries("c1");
+        return list && list->size() == 2 && (*list)[1].role == "assistant";
+    }, 10000));
+    EXPECT_TRUE((*chat->entries("c1"))[1].text.contains("| Step | Where | State |"));
+    EXPECT_FALSE((*chat->entries("c1"))[0].id.startsWith('m')) << "the echo was replaced by the hub's entry";
+    EXPECT_FALSE(chat->waiting().contains("c1"));
+    ASSERT_TRUE(waitUntil([&] { return listed("c1") != nullptr; }, 5000));
+    EXPECT_EQ(listed("c1")->title, "What is on my disk?");
+
+    // What the phone sent shows on the computer too.
+    call("POST", "/app/send", R"({"text":"from the phone","conversation":"c1"})", phone);
+    ASSERT_TRUE(waitUntil([&] { return chat->entries("c1")->size() == 4; }, 10000));
+
+    // A tool request: the app sees it, answers it, and the turn ends with the answer.
+    call("POST", "/app/send", R"({"text":"/tool Bash: ls -la ~","conversation":"c1"})", phone);
+    ASSERT_TRUE(waitUntil([&] { return chat->permissions().size() == 1; }, 10000));
+    EXPECT_EQ(chat->permissions()[0].tool, "Bash");
+    EXPECT_EQ(chat->permissions()[0].detail, "ls -la ~");
+    await(chat->answer(chat->permissions()[0].id, true));
+    ASSERT_TRUE(waitUntil([&] { return chat->entries("c1")->items().back().text.startsWith("**Allowed.**"); }, 10000));
+    EXPECT_EQ(call("GET", "/app/cc/permissions", {}, phone).value("permissions").toArray().size(), 0);
+
+    // Rename and delete travel as frames.
+    await(chat->rename("c1", "Disk"));
+    ASSERT_TRUE(waitUntil([&] { return listed("c1") && listed("c1")->title == "Disk"; }, 5000));
+    await(chat->deleteConversation("c1"));
+    ASSERT_TRUE(waitUntil([&] { return chat->deleted().contains("c1"); }, 5000));
+    EXPECT_TRUE(call("GET", "/app/conversations", {}, phone).value("conversations").toArray().isEmpty());
+    chat->stop();
+    model->stopChildren();
+}
+
+TEST_F(HubTool, badRequestsAreRefusedInTheErrorShapeAndDataSurvivesARestart)
+{
+    ASSERT_TRUE(HubProcess::url.isValid());
+    int status = 0;
+    const auto code = [&](const QJsonObject &reply) { return reply.value("error").toObject().value("code").toString(); };
+    EXPECT_EQ(code(call("GET", "/app/conversations", {}, {}, &status)), "UNAUTHORIZED");
+    EXPECT_EQ(status, 401);
+    EXPECT_EQ(code(call("POST", "/phone/pair", R"({"code":"NOPE"})", {}, &status)), "BAD_CODE");
+    EXPECT_EQ(code(call("POST", "/pair/poll", R"({"code":"X","secret":""})", {}, &status)), "NOT_FOUND");
+
+    auto model = makeModel();
+    const QString phone = pair(*model);
+    ASSERT_FALSE(phone.isEmpty());
+    EXPECT_EQ(code(call("POST", "/agent/app-token", {}, phone, &status)), "UNAUTHORIZED") << "a phone is no computer";
+    EXPECT_EQ(code(call("POST", "/app/send", "[1,2]", phone, &status)), "BAD_JSON");
+    EXPECT_EQ(status, 400);
+    EXPECT_EQ(code(call("POST", "/app/send", R"({"text":"x","conversation":"../etc"})", phone)), "BAD_ID");
+    EXPECT_EQ(code(call("POST", "/app/send", R"({"text":7})", phone)), "BAD_TEXT");
+    EXPECT_EQ(code(call("POST", "/app/send", R"({"text":"  "})", phone)), "EMPTY");
+    EXPECT_EQ(code(call("POST", "/app/send", R"({"text":"x","files":[{"key":1}]})", phone)), "BAD_FILE");
+    const QByteArray huge = QJsonDocument(QJsonObject{{"text", QString(100001, 'x')}}).toJson();
+    EXPECT_EQ(code(call("POST", "/app/send", huge, phone, &status)), "TOO_LONG");
+    EXPECT_EQ(status, 413);
+    EXPECT_EQ(code(call("PATCH", "/app/conversations/none", R"({"title":"t"})", phone, &status)), "NOT_FOUND");
+    EXPECT_EQ(code(call("POST", "/app/cc/permission", R"({"id":"p1","allow":"yes"})", phone)), "BAD_ANSWER");
+    EXPECT_EQ(code(call("GET", "/nowhere.html", {}, {}, &status)), "");
+    EXPECT_EQ(status, 404);
+    EXPECT_EQ(code(call("POST", "/app/cc/new", "{}", phone, &status)), "NOT_BUILT");
+    EXPECT_EQ(call("GET", "/app/search?q=%25", {}, phone).value("results").toArray().size(), 0) << "% is a plain character";
+
+    // The agent's socket: an unknown token is refused with 4401; a second agent replaces the first with 4409.
+    const auto agentSocket = [&](const QString &token) {
+        auto socket = std::make_unique<QWebSocket>();
+        QNetworkRequest request(QUrl(HubProcess::url.toString().replace("http://", "ws://") + "/agent/ws"));
+        request.setRawHeader("authorization", "Bearer " + token.toUtf8());
+        socket->open(request);
+        return socket;
+    };
+    auto stranger = agentSocket("wrong");
+    ASSERT_TRUE(waitUntil([&] { return stranger->closeCode() == QWebSocketProtocol::CloseCode(4401); }, 10000));
+    auto first = agentSocket(*keychain.token());
+    ASSERT_TRUE(waitUntil([&] { return first->state() == QAbstractSocket::ConnectedState; }, 10000));
+    auto second = agentSocket(*keychain.token());
+    ASSERT_TRUE(waitUntil([&] { return first->closeCode() == QWebSocketProtocol::CloseCode(4409); }, 10000));
+    EXPECT_TRUE(waitUntil([&] { return second->state() == QAbstractSocket::ConnectedState; }, 10000));
+    EXPECT_TRUE(call("GET", "/app/me", {}, phone).value("macs").toArray().at(0).toObject().value("online").toBool());
+
+    // A restart keeps the store: the conversation and the tokens are still good.
+    call("POST", "/app/send", R"({"text":"remember me","conversation":"kept"})", phone);
+    second.reset();
+    first.reset();
+    HubProcess::stop();
+    HubProcess::start();
+    ASSERT_TRUE(HubProcess::url.isValid());
+    const QJsonArray conversations = call("GET", "/app/conversations", {}, phone, &status).value("conversations").toArray();
+    EXPECT_EQ(status, 200);
+    ASSERT_EQ(conversations.size(), 1);
+    EXPECT_EQ(conversations[0].toObject().value("id").toString(), "kept");
+    model->stopChildren();
+}
+
+TEST_F(HubTool, thePhoneReachesTheComputersClipboardAndStayAwakeThroughTheRealAgent)
+{
+    ASSERT_TRUE(HubProcess::url.isValid());
+    qputenv("HOME", home.path().toUtf8());
+    FakePasteboard pasteboard;
+    FakeWorkspace workspace;
+    ClipboardHistory history(clock, defaults, pasteboard, workspace, nullptr, home.file("data"));
+    history.setEnabled(true);
+    history.record({{ClipRules::plainText, "an address on the desktop"}}, std::nullopt, clock.now());
+    auto model = makeModel(AppModel::Locations{QStringLiteral(ZUV_BUILD_TREE) + "/libexec/zuv",
+                                               QStringLiteral(ZUV_BUILD_TREE) + "/share/zuv/agent", home.file("data"),
+                                               home.file("logs")});
+    ClipboardRemote remote(history, workspace, home.file("data/work/clipboard"),
+                           [&](const QString &line) { return model->agent().send(line); });
+    AppModel::Hooks hooks;
+    hooks.clipboardAsk = [&](const QString &line) { remote.handle(line); };
+    model->setHooks(hooks);
+    const QString phone = pair(*model);
+    ASSERT_EQ(model->pairing().state, AppModel::Pairing::State::paired);
+
+    // Before the agent is online the hub says so.
+    int status = 0;
+    const QJsonObject offline = call("POST", "/app/clipboard", R"({"op":"list"})", phone, &status);
+    if (!model->connected()) {
+        EXPECT_EQ(status, 503);
+        EXPECT_EQ(offline.value("error").toObject().value("code").toString(), "COMPUTER_OFFLINE");
+    }
+    ASSERT_TRUE(waitUntil([&] { return model->connected(); }, 20000)) << qPrintable(readText(home.file("logs/agent.log")));
+    ASSERT_TRUE(waitUntil([&] {
+        return call("GET", "/app/me", {}, phone).value("macs").toArray().at(0).toObject().value("online").toBool();
+    }, 10000));
+
+    const QJsonObject list = call("POST", "/app/clipboard", R"({"op":"list","q":"address","limit":10})", phone, &status);
+    EXPECT_EQ(status, 200);
+    const QJsonArray items = list.value("result").toObject().value("items").toArray();
+    ASSERT_EQ(items.size(), 1);
+    EXPECT_EQ(items[0].toObject().value("text").toString(), "an address on the desktop");
+
+    const QByteArray add = QJsonDocument(QJsonObject{{"op", "add"}, {"image", false},
+                                                     {"file", QJsonObject{{"name", "note.txt"},
+                                                                          {"data", QString::fromLatin1(QByteArray("from the page").toBase64())}}}})
+                               .toJson();
+    EXPECT_TRUE(call("POST", "/app/clipboard", add, phone).value("result").toObject().value("ok").toBool());
+    ASSERT_TRUE(waitUntil([&] { return history.clips().size() == 2; }));
+    EXPECT_EQ(history.clips()[0].text, "from the page");
+    EXPECT_EQ(call("POST", "/app/clipboard", R"({"op":"pin"})", phone, &status).value("error").toObject().value("code"),
+              "BAD_REQUEST");
+    EXPECT_EQ(call("POST", "/app/clipboard", R"({"op":"delete","clip":999999})", phone, &status)
+                  .value("error").toObject().value("code"), "COMPUTER_ERROR");
+    EXPECT_EQ(status, 502);
+
+    // Staying awake: the agent acknowledges, and its state reaches the hub.
+    EXPECT_TRUE(call("POST", "/app/power", R"({"power":"status"})", phone).value("result").toObject().value("ok").toBool());
+    ASSERT_TRUE(waitUntil([&] { return call("GET", "/app/power", {}, phone).value("session").toObject().contains("active"); },
+                          10000));
+    EXPECT_FALSE(call("GET", "/app/power", {}, phone).value("session").toObject().value("active").toBool());
+    EXPECT_EQ(call("POST", "/app/power", R"({"power":"keepAwake","minutes":-1})", phone).value("error").toObject().value("code"),
+              "BAD_REQUEST");
+    model->stopChildren();
+}

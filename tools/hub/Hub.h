@@ -1,0 +1,98 @@
+#pragma once
+
+#include "HubStore.h"
+
+#include <QHttpServer>
+#include <QJsonObject>
+#include <QObject>
+#include <QPointer>
+#include <QWebSocket>
+#include <QHttpServerResponder>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace zuv::hub {
+
+// A hub of one account on one machine, for development: pairing, tokens, the chat
+// with a stand-in assistant, agent sessions and tool requests, the sockets of the
+// app, the phone page and the agent. Every request is checked; failures answer
+// {"error": {"message", "code"}}.
+class Hub : public QObject {
+    Q_OBJECT
+public:
+    struct Options {
+        QString data;           // the folder of its store and media
+        QHostAddress address = QHostAddress::LocalHost;
+        quint16 port = 8765;    // 0: any free port
+        double turnDelay = 0.4; // seconds between the stand-in's steps
+    };
+
+    explicit Hub(Options options, QObject *parent = nullptr);
+    ~Hub() override;
+
+    // The port it listens on; 0 when it could not listen.
+    quint16 listen();
+    QString problem() const { return m_problem; }
+
+    static constexpr qint64 largestBody = 100 * 1024 * 1024;
+
+private:
+    struct Caller {
+        enum class Kind { none, agent, access, phone };
+        Kind kind = Kind::none;
+        QString device; // the computer, for agent and access tokens
+    };
+    struct Reply {
+        int status = 200;
+        QJsonObject body;
+    };
+
+    void answer(const QHttpServerRequest &request, QHttpServerResponder &&responder);
+    Reply route(const QString &method, const QString &path, const QUrlQuery &query, const QJsonObject &body,
+                const Caller &caller, const QHttpServerRequest &request);
+    Caller caller(const QByteArray &authorization, const QString &queryToken) const;
+    void accept(std::unique_ptr<QWebSocket> socket);
+
+    // Requests for the computer go to its agent; the answer comes back on its socket.
+    void relay(const QString &type, QJsonObject message, QHttpServerResponder &&responder);
+    void agentMessage(const QString &device, const QString &text);
+    static std::optional<QJsonObject> clipboardRequest(const QJsonObject &body, QString *why);
+    static std::optional<QJsonObject> powerRequest(const QJsonObject &body, QString *why);
+
+    // Pairing and tokens
+    Reply pairStart(const QJsonObject &body);
+    Reply pairPoll(const QJsonObject &body);
+    Reply phonePair(const QJsonObject &body);
+    Reply appToken(const Caller &caller);
+
+    // The chat
+    Reply send(const QJsonObject &body, const QString &channel);
+    void startTurn(const QString &conversation, const QString &text);
+    void step(const QString &conversation, int turn, int stage, QString text);
+    void reply(const QString &conversation, const QString &text);
+    QJsonObject addEntry(const QString &conversation, const QString &role, const QString &text, const QJsonArray &files,
+                         const QString &channel, const QString &id = {});
+    void touchConversation(const QString &id, const QString &preview, bool unread);
+    Reply answerPermission(const QJsonObject &body);
+
+    void broadcast(const QJsonObject &envelope);
+    static Reply error(int status, const QString &message, const QString &code = {});
+    double now() const;
+    QString newId(const QString &prefix) const;
+
+    Options m_options;
+    HubStore m_store;
+    QHttpServer m_server;
+    QString m_problem;
+    std::vector<std::unique_ptr<QWebSocket>> m_appSockets;
+    std::map<QString, std::unique_ptr<QWebSocket>> m_agents; // by device
+    std::map<QString, int> m_turns; // conversation → the running turn's number
+    std::map<QString, std::shared_ptr<QHttpServerResponder>> m_relayed; // by request id
+    int m_nextRelay = 0;
+    QJsonObject m_awake; // what the computer's agent last said of staying awake
+};
+
+} // namespace zuv::hub

@@ -1,0 +1,334 @@
+// The phone page: pairs with the code the computer shows, then does what the
+// phone app does here: chats, and answers tool requests. Plain DOM, no build step;
+// every text from the hub goes in as text, never as markup.
+'use strict';
+
+const state = { token: localStorage.getItem('zuv-phone-token'), conversation: null, socket: null, retry: 1000 };
+const $ = (id) => document.getElementById(id);
+
+async function api(method, path, body) {
+  const headers = { 'content-type': 'application/json' };
+  if (state.token) headers.authorization = `Bearer ${state.token}`;
+  const response = await fetch(path, { method, headers, body: body === undefined ? undefined : JSON.stringify(body) });
+  let data = {};
+  try { data = await response.json(); } catch { /* an empty or broken body */ }
+  if (response.status === 401 && path.startsWith('/app/')) { forget(); throw new Error('Pair this phone again.'); }
+  if (!response.ok) throw new Error((data.error && data.error.message) || `The hub answered ${response.status}.`);
+  return data;
+}
+
+function show(error, where = 'app-error') { $(where).textContent = error ? String(error.message || error) : ''; }
+
+function forget() {
+  localStorage.removeItem('zuv-phone-token');
+  state.token = null;
+  if (state.socket) state.socket.close();
+  start();
+}
+
+// --- Pairing
+$('pair-form').addEventListener('submit', async (event) => {
+  event.preventDefault();
+  show('', 'pair-error');
+  try {
+    const reply = await api('POST', '/phone/pair', { code: $('code').value });
+    state.token = reply.token;
+    localStorage.setItem('zuv-phone-token', reply.token);
+    start();
+  } catch (error) { show(error, 'pair-error'); }
+});
+
+// --- Minimal Markdown: headings, lists, code, tables, emphasis and code spans.
+function inline(text, into) {
+  const pattern = /(\*\*[^*]+\*\*|\*[^*]+\*|`[^`]+`)/g;
+  let last = 0;
+  for (const match of text.matchAll(pattern)) {
+    into.append(text.slice(last, match.index));
+    const token = match[0];
+    const tag = token.startsWith('**') ? 'strong' : token.startsWith('`') ? 'code' : 'em';
+    const cut = tag === 'strong' ? 2 : 1;
+    const node = document.createElement(tag);
+    node.textContent = token.slice(cut, -cut);
+    into.append(node);
+    last = match.index + token.length;
+  }
+  into.append(text.slice(last));
+}
+
+function markdown(text, into) {
+  const lines = text.split('\n');
+  for (let i = 0; i < lines.length; i += 1) {
+    const line = lines[i];
+    if (line.startsWith('```')) {
+      const code = [];
+      for (i += 1; i < lines.length && !lines[i].startsWith('```'); i += 1) code.push(lines[i]);
+      const pre = document.createElement('pre');
+      pre.textContent = code.join('\n');
+      into.append(pre);
+    } else if (line.startsWith('|')) {
+      const table = document.createElement('table');
+      for (; i < lines.length && lines[i].startsWith('|'); i += 1) {
+        if (/^\|[\s:|-]+\|?$/.test(lines[i])) continue;
+        const row = table.insertRow();
+        for (const cell of lines[i].replace(/^\||\|$/g, '').split('|')) inline(cell.trim(), row.insertCell());
+      }
+      i -= 1;
+      into.append(table);
+    } else if (/^#{1,6}\s/.test(line)) {
+      const heading = document.createElement('strong');
+      inline(line.replace(/^#+\s*/, ''), heading);
+      into.append(heading, '\n');
+    } else if (line.trim() !== '') {
+      const paragraph = document.createElement('span');
+      inline(line, paragraph);
+      into.append(paragraph, '\n');
+    }
+  }
+}
+
+// --- Conversations and messages
+async function loadConversations() {
+  const { conversations } = await api('GET', '/app/conversations');
+  const list = $('conversations');
+  list.replaceChildren();
+  for (const c of conversations) {
+    const item = document.createElement('li');
+    item.dataset.id = c.id;
+    if (c.unread) item.classList.add('unread');
+    const title = document.createElement('div');
+    title.className = 'title';
+    title.textContent = c.title;
+    const preview = document.createElement('div');
+    preview.className = 'preview';
+    preview.textContent = c.preview;
+    item.append(title, preview);
+    item.addEventListener('click', () => open(c.id, c.title));
+    list.append(item);
+  }
+}
+
+function addMessage(entry) {
+  if (document.querySelector(`#messages li[data-id="${CSS.escape(entry.id)}"]`)) return;
+  const item = document.createElement('li');
+  item.dataset.id = entry.id;
+  item.className = entry.role === 'user' ? 'user' : 'assistant';
+  if (entry.role === 'user') item.textContent = entry.text;
+  else markdown(entry.text, item);
+  $('messages').append(item);
+  item.scrollIntoView({ block: 'end' });
+}
+
+async function open(id, title) {
+  state.conversation = id;
+  $('title').textContent = title || 'Chat';
+  $('list').hidden = true;
+  $('chat').hidden = false;
+  $('back').hidden = false;
+  $('messages').replaceChildren();
+  $('working').hidden = true;
+  try {
+    const { entries } = await api('GET', `/app/history?conversation=${encodeURIComponent(id)}&limit=60`);
+    entries.forEach(addMessage);
+    await api('POST', '/app/seen', { conversation: id });
+  } catch (error) { show(error); }
+}
+
+$('back').addEventListener('click', () => {
+  tab('list');
+  loadConversations().catch(show);
+});
+
+$('new-chat').addEventListener('click', () => {
+  const id = `c${crypto.randomUUID().replaceAll('-', '').slice(0, 15)}`;
+  open(id, 'New Chat');
+});
+
+$('composer').addEventListener('submit', async (event) => {
+  event.preventDefault();
+  const text = $('text').value.trim();
+  if (!text || !state.conversation) return;
+  $('text').value = '';
+  try {
+    const { entry } = await api('POST', '/app/send', { text, conversation: state.conversation, clientId: `m${Date.now()}` });
+    if (entry) addMessage(entry);
+  } catch (error) {
+    $('text').value = text; // nothing lost
+    show(error);
+  }
+});
+$('text').addEventListener('keydown', (event) => {
+  if (event.key === 'Enter' && !event.shiftKey) { event.preventDefault(); $('composer').requestSubmit(); }
+});
+
+// --- Tool requests
+async function loadRequests() {
+  const { permissions } = await api('GET', '/app/cc/permissions');
+  $('requests').replaceChildren();
+  permissions.forEach(showRequest);
+}
+
+function showRequest(request) {
+  const old = document.querySelector(`.request[data-id="${CSS.escape(request.id)}"]`);
+  if (request.status !== 'pending') { if (old) old.remove(); return; }
+  if (old) return;
+  const card = document.createElement('div');
+  card.className = 'request';
+  card.dataset.id = request.id;
+  const what = document.createElement('strong');
+  what.textContent = `${request.tool} in ${request.project}`;
+  const detail = document.createElement('code');
+  detail.textContent = request.detail;
+  const actions = document.createElement('div');
+  actions.className = 'actions';
+  for (const [label, allow] of [['Allow', true], ['Deny', false]]) {
+    const button = document.createElement('button');
+    button.textContent = label;
+    if (!allow) button.className = 'secondary';
+    button.addEventListener('click', () => api('POST', '/app/cc/permission', { id: request.id, allow })
+      .then(() => card.remove()).catch(show));
+    actions.append(button);
+  }
+  card.append(what, detail, actions);
+  $('requests').append(card);
+}
+
+// --- Tabs
+function tab(name) {
+  for (const button of document.querySelectorAll('nav#tabs .tab')) button.classList.toggle('current', button.dataset.tab === name);
+  $('list').hidden = name !== 'list';
+  $('chat').hidden = true;
+  $('back').hidden = true;
+  $('clipboard').hidden = name !== 'clipboard';
+  $('computer').hidden = name !== 'computer';
+  $('title').textContent = { list: 'Chats', clipboard: 'Clipboard', computer: 'Computer' }[name];
+  state.conversation = null;
+  if (name === 'clipboard') loadClips().catch(show);
+  if (name === 'computer') api('GET', '/app/power').then((reply) => showAwake(reply.session)).catch(show);
+}
+for (const button of document.querySelectorAll('nav#tabs .tab')) button.addEventListener('click', () => tab(button.dataset.tab));
+
+// --- The computer's clipboard, through its agent
+async function clipboard(request) {
+  const { result } = await api('POST', '/app/clipboard', request);
+  return result || {};
+}
+
+async function loadClips() {
+  const result = await clipboard({ op: 'list', q: $('clip-search').value, offset: 0, limit: 30 });
+  const list = $('clips');
+  list.replaceChildren();
+  if (result.enabled === false) {
+    const note = document.createElement('li');
+    note.textContent = 'Clipboard history is off on the computer.';
+    list.append(note);
+    return;
+  }
+  for (const clip of result.items || []) {
+    const item = document.createElement('li');
+    item.dataset.id = clip.id;
+    const text = document.createElement('div');
+    text.className = 'clip-text';
+    text.textContent = clip.text || (clip.kind === 'image' ? 'Picture' : clip.kind || 'Clip');
+    const meta = document.createElement('div');
+    meta.className = 'meta';
+    meta.textContent = [clip.pinned ? 'Pinned' : '', clip.appName || clip.app || ''].filter(Boolean).join(' · ');
+    const actions = document.createElement('div');
+    actions.className = 'actions';
+    for (const [label, op] of [['Use', 'use'], [clip.pinned ? 'Unpin' : 'Pin', 'pin'], ['Delete', 'delete']]) {
+      const button = document.createElement('button');
+      button.textContent = label;
+      if (op !== 'use') button.className = 'secondary';
+      button.addEventListener('click', () => clipboard({ op, clip: clip.id }).then(() => loadClips()).catch(show));
+      actions.append(button);
+    }
+    item.append(text, meta, actions);
+    list.append(item);
+  }
+}
+
+let searchTimer = null;
+$('clip-search').addEventListener('input', () => {
+  clearTimeout(searchTimer);
+  searchTimer = setTimeout(() => loadClips().catch(show), 300);
+});
+
+$('clip-add').addEventListener('submit', async (event) => {
+  event.preventDefault();
+  const text = $('clip-text').value;
+  if (!text.trim()) return;
+  const bytes = new TextEncoder().encode(text);
+  let binary = '';
+  bytes.forEach((b) => { binary += String.fromCharCode(b); });
+  try {
+    await clipboard({ op: 'add', file: { name: 'from-phone.txt', data: btoa(binary) }, image: false });
+    $('clip-text').value = '';
+    await loadClips();
+  } catch (error) { show(error); }
+});
+
+// --- Staying awake
+function showAwake(session) {
+  if (!session || !session.active) { $('awake-state').textContent = 'Sleeps normally'; return; }
+  $('awake-state').textContent = session.endsAt
+    ? `Staying awake until ${new Date(session.endsAt).toLocaleTimeString([], { hour: '2-digit', minute: '2-digit' })}`
+    : 'Staying awake until you stop it';
+  if (session.error) $('awake-state').textContent += ` (${session.error})`;
+}
+for (const button of document.querySelectorAll('#awake-actions [data-minutes]')) {
+  button.addEventListener('click', () => api('POST', '/app/power', { power: 'keepAwake', minutes: Number(button.dataset.minutes) }).catch(show));
+}
+$('allow-sleep').addEventListener('click', () => api('POST', '/app/power', { power: 'allowSleep' }).catch(show));
+
+// --- The live socket; it comes back after a hub restart.
+function connect() {
+  const scheme = location.protocol === 'https:' ? 'wss' : 'ws';
+  const socket = new WebSocket(`${scheme}://${location.host}/app/ws?token=${encodeURIComponent(state.token)}`);
+  state.socket = socket;
+  socket.onopen = () => {
+    state.retry = 1000;
+    $('live').classList.add('live');
+    $('live').title = 'Live';
+    socket.send('{"kind":"ping"}');
+    loadConversations().catch(show);
+    loadRequests().catch(show);
+  };
+  socket.onmessage = (event) => {
+    let frame;
+    try { frame = JSON.parse(event.data); } catch { return; }
+    if (frame.kind === 'message' && frame.entry) {
+      if (frame.entry.conversation === state.conversation) {
+        addMessage(frame.entry);
+        if (frame.entry.role !== 'user') $('working').hidden = true;
+      } else loadConversations().catch(show);
+    } else if (frame.kind === 'step' && frame.ref === state.conversation) {
+      $('working').hidden = !frame.step;
+      $('working').textContent = frame.step || '';
+    } else if (frame.kind === 'awake') {
+      showAwake(frame.session);
+    } else if (frame.kind === 'perm' && frame.request) {
+      showRequest(frame.request);
+    } else if (['titles', 'deleted', 'seen'].includes(frame.kind) && !state.conversation) {
+      loadConversations().catch(show);
+    }
+  };
+  socket.onclose = (event) => {
+    $('live').classList.remove('live');
+    $('live').title = 'Reconnecting…';
+    if (event.code === 4401) { forget(); return; }
+    if (state.socket !== socket || !state.token) return;
+    setTimeout(connect, state.retry);
+    state.retry = Math.min(state.retry * 2, 15000);
+  };
+}
+
+function start() {
+  const paired = Boolean(state.token);
+  $('pair').hidden = paired;
+  $('app').hidden = !paired;
+  // A link from the computer's QR code carries its code: zuvkel://pair/CODE, or #pair=CODE here.
+  const fromLink = location.hash.match(/pair[=/]([A-Za-z0-9-]+)/);
+  if (!paired && fromLink) $('code').value = fromLink[1];
+  if (paired) connect();
+}
+
+start();
