@@ -106,7 +106,8 @@ int main(int argc, char **argv)
     Defaults::setShared(&defaults);
     Diagnostics::registerDefaults(defaults);
 
-    LinuxSecretStore secrets(Paths::support());
+    // ZUV_PROFILE_SECRETS=file: a profile of its own (scripts/run's) keeps its token in its data folder.
+    LinuxSecretStore secrets(Paths::support(), qgetenv("ZUV_PROFILE_SECRETS") == "file");
     Keychain keychain(secrets);
     // The token decides whether we are paired, so it is read before anything else runs.
     QCoro::waitFor(keychain.load());

@@ -58,9 +58,11 @@ bool LinuxSecretStore::serviceMissing()
     return !activatable.contains(secretsService);
 }
 
-LinuxSecretStore::LinuxSecretStore(QString fallbackFolder, QObject *parent)
+LinuxSecretStore::LinuxSecretStore(QString fallbackFolder, bool fileOnly, QObject *parent)
     : QObject(parent), m_folder(std::move(fallbackFolder))
 {
+    if (fileOnly)
+        fallBack(QStringLiteral("this profile keeps its own"));
 }
 
 QString LinuxSecretStore::filePath(const QString &account) const { return m_folder + QLatin1Char('/') + account; }

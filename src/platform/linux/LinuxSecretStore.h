@@ -12,7 +12,9 @@ namespace zuv {
 class LinuxSecretStore final : public QObject, public SecretStore {
     Q_OBJECT
 public:
-    explicit LinuxSecretStore(QString fallbackFolder, QObject *parent = nullptr);
+    // With `fileOnly` the file is used from the start (a profile of its own, as
+    // the development run keeps, must not share the desktop's keyring entry).
+    explicit LinuxSecretStore(QString fallbackFolder, bool fileOnly = false, QObject *parent = nullptr);
 
     QCoro::Task<Read> read(QString service, QString account) override;
     QCoro::Task<bool> write(QString service, QString account, QString secret) override;
