@@ -15,8 +15,6 @@ namespace zuv {
 
 namespace {
 
-QString tr(const char *text) { return QCoreApplication::translate("StayAwake", text); }
-
 // The latest moment a date can hold; an end beyond it is no end the app can show.
 constexpr double latestEnd = 8.64e15;
 
