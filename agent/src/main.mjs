@@ -13,6 +13,7 @@ import { accessSync, constants } from 'node:fs';
 import path from 'node:path';
 import { Clipboard } from './clipboard.mjs';
 import { Power } from './power.mjs';
+import { Turns } from './turns.mjs';
 
 const require = createRequire(import.meta.url);
 
@@ -92,6 +93,7 @@ function connect() {
   current.on('open', () => {
     attempt = 0;
     say('hub connected');
+    toHub(turns.hello()); // whether this computer can run turns, and with what
     heartbeat = setInterval(() => {
       current.ping();
       if (!pongDeadline) {
@@ -120,6 +122,14 @@ function connect() {
     }
     if (kind === 'clipboard') {
       clipboard.ask(message);
+      return;
+    }
+    if (kind === 'turn') {
+      turns.run(message);
+      return;
+    }
+    if (kind === 'turn-cancel') {
+      turns.cancel(message);
       return;
     }
     if (kind === 'power') {
@@ -184,6 +194,9 @@ const clipboard = new Clipboard({
 // The app's power commands: logind's inhibitors, held for as long as asked.
 const power = new Power({ say, statusFile: process.env.ZUV_AWAKE_STATUS || '', toHub });
 
+// Turns of the assistant, when Claude Code or Codex is on the PATH.
+const turns = new Turns({ say, toHub });
+
 const input = createInterface({ input: process.stdin });
 input.on('line', (line) => {
   try {
@@ -210,6 +223,7 @@ function stop() {
   stopping = true;
   clipboard.stop();
   power.stop();
+  turns.stop();
   clearTimeout(retryTimer);
   stopHeartbeat();
   if (socket) socket.close(1000);

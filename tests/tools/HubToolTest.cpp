@@ -12,6 +12,8 @@
 #include "../chat/ChatFixture.h"
 
 #include <QNetworkReply>
+#include <QDir>
+#include <QFile>
 #include <QProcess>
 #include <QWebSocket>
 
@@ -253,4 +255,104 @@ TEST_F(HubTool, thePhoneReachesTheComputersClipboardAndStayAwakeThroughTheRealAg
     EXPECT_EQ(call("POST", "/app/power", R"({"power":"keepAwake","minutes":-1})", phone).value("error").toObject().value("code"),
               "BAD_REQUEST");
     model->stopChildren();
+}
+
+namespace {
+
+// The real agent on node, started as the app starts it, with fake tools on its PATH.
+struct AgentProcess {
+    QProcess process;
+    QStringList lines;
+    AgentProcess(const QUrl &hub, const QString &token, const TempHome &home, const QString &tools)
+    {
+        QProcessEnvironment env;
+        env.insert("PATH", tools + ":" + qEnvironmentVariable("PATH"));
+        env.insert("HOME", home.path());
+        env.insert("ZUV_HUB_URL", hub.toString().replace("http://", "ws://") + "/agent/ws");
+        env.insert("ZUV_AGENT_TOKEN", token);
+        env.insert("ZUV_WORK_DIR", home.file("work"));
+        env.insert("ZUV_TURN_TIMEOUT_MS", "1500");
+        process.setProcessEnvironment(env);
+        QObject::connect(&process, &QProcess::readyReadStandardOutput, [this] {
+            while (process.canReadLine())
+                lines << QString::fromUtf8(process.readLine()).trimmed();
+        });
+        process.start("node", {QStringLiteral(ZUV_BUILD_TREE) + "/share/zuv/agent/src/main.mjs"});
+    }
+    ~AgentProcess()
+    {
+        process.closeWriteChannel();
+        if (!process.waitForFinished(5000))
+            process.kill();
+    }
+    bool said(const QString &text) { return waitUntil([&] { return lines.join('\n').contains(text); }, 10000); }
+};
+
+} // namespace
+
+TEST_F(HubTool, turnsGoToTheComputersClaudeCodeWithStepsAndSurviveHangsAndGarbage)
+{
+    ASSERT_TRUE(HubProcess::url.isValid());
+    // The computer's side of pairing, by hand, and the phone's.
+    const QJsonObject start = call("POST", "/pair/start", R"({"name":"Desk"})");
+    const QString phone = call("POST", "/phone/pair", QJsonDocument(QJsonObject{{"code", start["code"]}}).toJson()).value("token").toString();
+    const QString agentToken = call("POST", "/pair/poll", QJsonDocument(QJsonObject{{"code", start["code"]}, {"secret", start["secret"]}}).toJson())
+                                   .value("token").toString();
+    ASSERT_FALSE(agentToken.isEmpty());
+
+    // A fake Claude Code: garbage, a tool use, text, then the result; what it does
+    // depends on the message, so that one script plays every part.
+    QDir().mkpath(home.file("tools"));
+    writeText(home.file("tools/claude"),
+              "#!/bin/sh\n"
+              "for last; do :; done\n"
+              "case \"$last\" in\n"
+              "  *hang*) sleep 30 ;;\n"
+              "  *crash*) echo 'not json at all'; exit 3 ;;\n"
+              "esac\n"
+              "echo 'Loading…'\n"
+              "echo '{\"type\":\"assistant\",\"message\":{\"content\":[{\"type\":\"tool_use\",\"name\":\"Bash\"}]}}'\n"
+              "echo '{\"type\":\"assistant\",\"message\":{\"content\":[{\"type\":\"text\",\"text\":\"x\"}]}}'\n"
+              "echo '{broken'\n"
+              "printf '{\"type\":\"result\",\"is_error\":false,\"result\":\"# Done\\\\n\\\\nYou said: %s\"}\\n' \"$last\"\n");
+    QFile::setPermissions(home.file("tools/claude"), QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+
+    QWebSocket app;
+    QStringList frames;
+    QObject::connect(&app, &QWebSocket::textMessageReceived, [&](const QString &f) { frames << f; });
+    app.open(QUrl(HubProcess::url.toString().replace("http://", "ws://") + "/app/ws?token=" + phone));
+    ASSERT_TRUE(waitUntil([&] { return app.state() == QAbstractSocket::ConnectedState; }));
+
+    AgentProcess agent(HubProcess::url, agentToken, home, home.file("tools"));
+    ASSERT_TRUE(agent.said("hub connected")) << qPrintable(agent.lines.join('\n'));
+    ASSERT_TRUE(waitUntil([&] {
+        return call("GET", "/app/me", {}, phone).value("macs").toArray().at(0).toObject().value("turns").toBool();
+    }, 10000)) << "the agent offered to run turns";
+    const auto lastReply = [&](const QString &conversation) {
+        const QJsonArray entries = call("GET", "/app/history?conversation=" + conversation, {}, phone).value("entries").toArray();
+        return entries.isEmpty() || entries.last().toObject().value("role") == "user" ? QString()
+                                                                                       : entries.last().toObject().value("text").toString();
+    };
+    const auto sendAndWait = [&](const QString &conversation, const QString &text) {
+        call("POST", "/app/send", QJsonDocument(QJsonObject{{"text", text}, {"conversation", conversation}}).toJson(), phone);
+        waitUntil([&] { return !lastReply(conversation).isEmpty(); }, 15000);
+        return lastReply(conversation);
+    };
+
+    EXPECT_EQ(sendAndWait("c1", "list my files"), "# Done\n\nYou said: list my files");
+    EXPECT_TRUE(frames.join('\n').contains("Using Bash…")) << qPrintable(frames.join('\n'));
+    EXPECT_TRUE(frames.join('\n').contains("Asking your computer…"));
+    EXPECT_EQ(sendAndWait("c2", "please hang"), "**The computer couldn't answer:** The turn took too long and was stopped.");
+    EXPECT_EQ(sendAndWait("c3", "crash now"), "**The computer couldn't answer:** Claude Code ended without an answer (exit 3).");
+    EXPECT_FALSE(agent.lines.join('\n').contains("not json")) << "the tool's words stay out of the agent's lines";
+
+    // The agent goes away in the middle of a turn: the hub says so.
+    call("POST", "/app/send", R"({"text":"please hang again","conversation":"c4"})", phone);
+    ASSERT_TRUE(agent.said("turn claude started"));
+    agent.process.kill();
+    ASSERT_TRUE(waitUntil([&] { return !lastReply("c4").isEmpty(); }, 10000));
+    EXPECT_TRUE(lastReply("c4").startsWith("**The computer went offline during the turn.**"));
+
+    // With no computer that runs turns, the stand-in answers.
+    EXPECT_TRUE(sendAndWait("c5", "hello").startsWith("## Here is what I would do"));
 }

@@ -94,7 +94,8 @@ class PhonePage(unittest.TestCase):
 
         # Hostile text stays text.
         box.send_keys("<img src=x onerror=alert(1)> **bold**", Keys.ENTER)
-        self.text_appears("#messages li.user:last-of-type", "<img src=x onerror=alert(1)>")
+        self.wait.until(lambda b: any(li.text.startswith("<img src=x onerror=alert(1)>")
+                                      for li in b.find_elements(By.CSS_SELECTOR, "#messages li.user")))
         self.assertFalse(self.browser.find_elements(By.CSS_SELECTOR, "#messages img"))
 
         # The computer's clipboard while its agent is away: said plainly.

@@ -289,6 +289,32 @@ void Hub::agentMessage(const QString &device, const QString &text)
         broadcast({{QStringLiteral("kind"), QStringLiteral("awake")}, {QStringLiteral("session"), m_awake}});
         return;
     }
+    if (type == QLatin1String("hello")) {
+        m_hello[device] = message;
+        return;
+    }
+    if (type == QLatin1String("turn-step") || type == QLatin1String("turn-reply")) {
+        const auto found = m_agentTurns.find(string(message, "id"));
+        if (found == m_agentTurns.end() || found->second.device != device)
+            return;
+        const AgentTurn turn = found->second;
+        const bool current = m_turns.count(turn.conversation) && m_turns[turn.conversation] == turn.turn;
+        if (type == QLatin1String("turn-step")) {
+            if (current)
+                broadcast({{QStringLiteral("kind"), QStringLiteral("step")}, {QStringLiteral("target"), QStringLiteral("chat")},
+                           {QStringLiteral("ref"), turn.conversation}, {QStringLiteral("step"), string(message, "step").left(200)}});
+            return;
+        }
+        m_agentTurns.erase(found);
+        if (!current)
+            return; // stopped meanwhile
+        m_turns.erase(turn.conversation);
+        const QString text = message.value(QStringLiteral("text")).isString()
+            ? string(message, "text").left(longestText)
+            : QStringLiteral("**The computer couldn't answer:** ") + string(message, "error").left(500);
+        reply(turn.conversation, text);
+        return;
+    }
     if (type != QLatin1String("clipboard-reply") && type != QLatin1String("power-reply"))
         return;
     const auto held = m_relayed.find(message.value(QStringLiteral("id")).toVariant().toString());
@@ -354,6 +380,9 @@ Hub::Reply Hub::route(const QString &method, const QString &path, const QUrlQuer
             broadcast({{QStringLiteral("kind"), QStringLiteral("seen")}, {QStringLiteral("conversation"), conversation}});
         } else {
             m_turns.erase(conversation);
+            for (const auto &[id, turn] : m_agentTurns)
+                if (turn.conversation == conversation && m_agents.count(turn.device) && m_agents[turn.device])
+                    m_agents[turn.device]->sendTextMessage(QStringLiteral("{\"type\":\"turn-cancel\",\"id\":\"%1\"}").arg(id));
             broadcast({{QStringLiteral("kind"), QStringLiteral("stopped")}, {QStringLiteral("conversation"), conversation}});
         }
         return {200, {}};
@@ -417,7 +446,10 @@ Hub::Reply Hub::route(const QString &method, const QString &path, const QUrlQuer
         for (const QJsonObject &d : m_store.list(QStringLiteral("device")))
             macs.append(QJsonObject{{QStringLiteral("id"), d.value(QStringLiteral("id"))},
                                     {QStringLiteral("name"), d.value(QStringLiteral("name"))},
-                                    {QStringLiteral("online"), m_agents.count(string(d, "id")) > 0}});
+                                    {QStringLiteral("online"), m_agents.count(string(d, "id")) > 0},
+                                    // Whether its agent offered to run the assistant's turns.
+                                    {QStringLiteral("turns"), m_hello.count(string(d, "id"))
+                                         && m_hello.at(string(d, "id")).value(QStringLiteral("turns")).toBool()}});
         return {200, QJsonObject{{QStringLiteral("user"), QJsonObject{{QStringLiteral("id"), QStringLiteral("owner")},
                                                                       {QStringLiteral("name"), QStringLiteral("Owner")}}},
                                  {QStringLiteral("owner"), true},
@@ -619,7 +651,48 @@ void Hub::startTurn(const QString &conversation, const QString &text)
                    {QStringLiteral("ref"), conversation}, {QStringLiteral("step"), QStringLiteral("Waiting for your approval…")}});
         return;
     }
+    if (sendTurnToAgent(conversation, turn, text))
+        return;
     step(conversation, turn, 0, text);
+}
+
+bool Hub::sendTurnToAgent(const QString &conversation, int turn, const QString &text)
+{
+    // The first computer whose agent said it can run turns gets the turn.
+    for (const auto &[device, socket] : m_agents) {
+        const auto hello = m_hello.find(device);
+        if (!socket || socket->state() != QAbstractSocket::ConnectedState || hello == m_hello.end()
+            || !hello->second.value(QStringLiteral("turns")).toBool())
+            continue;
+        const QString id = QStringLiteral("t%1").arg(turn);
+        m_agentTurns[id] = {conversation, turn, device};
+        socket->sendTextMessage(QString::fromUtf8(QJsonDocument(QJsonObject{{QStringLiteral("type"), QStringLiteral("turn")},
+                                                                            {QStringLiteral("id"), id},
+                                                                            {QStringLiteral("conversation"), conversation},
+                                                                            {QStringLiteral("text"), text}})
+                                                      .toJson(QJsonDocument::Compact)));
+        broadcast({{QStringLiteral("kind"), QStringLiteral("step")}, {QStringLiteral("target"), QStringLiteral("chat")},
+                   {QStringLiteral("ref"), conversation}, {QStringLiteral("step"), QStringLiteral("Asking your computer…")}});
+        return true;
+    }
+    return false;
+}
+
+void Hub::agentGone(const QString &device)
+{
+    m_hello.erase(device);
+    for (auto it = m_agentTurns.begin(); it != m_agentTurns.end();) {
+        if (it->second.device != device) {
+            ++it;
+            continue;
+        }
+        const AgentTurn lost = it->second;
+        it = m_agentTurns.erase(it);
+        if (m_turns.count(lost.conversation) && m_turns[lost.conversation] == lost.turn) {
+            m_turns.erase(lost.conversation);
+            reply(lost.conversation, QStringLiteral("**The computer went offline during the turn.** Send the message again once it is back."));
+        }
+    }
 }
 
 void Hub::step(const QString &conversation, int turn, int stage, QString text)
@@ -708,6 +781,7 @@ void Hub::accept(std::unique_ptr<QWebSocket> socket)
             // Out of the map before closing: the close reports at once.
             std::unique_ptr<QWebSocket> previous = std::move(old->second);
             m_agents.erase(old);
+            agentGone(who.device); // its turns end with it
             if (previous) {
                 previous->disconnect(this);
                 previous->close(QWebSocketProtocol::CloseCode(4409), QStringLiteral("replaced"));
@@ -722,6 +796,7 @@ void Hub::accept(std::unique_ptr<QWebSocket> socket)
             if (it != m_agents.end() && it->second.get() == raw) {
                 it->second.release()->deleteLater();
                 m_agents.erase(it);
+                agentGone(device);
             }
         });
         m_agents[device] = std::move(socket);

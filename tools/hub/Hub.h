@@ -93,6 +93,15 @@ private:
     std::map<QString, std::shared_ptr<QHttpServerResponder>> m_relayed; // by request id
     int m_nextRelay = 0;
     QJsonObject m_awake; // what the computer's agent last said of staying awake
+    std::map<QString, QJsonObject> m_hello; // by device: what each agent can run
+    struct AgentTurn {
+        QString conversation;
+        int turn = 0;
+        QString device;
+    };
+    std::map<QString, AgentTurn> m_agentTurns; // by the id the agent was given
+    bool sendTurnToAgent(const QString &conversation, int turn, const QString &text);
+    void agentGone(const QString &device);
 };
 
 } // namespace zuv::hub
