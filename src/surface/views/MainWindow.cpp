@@ -303,7 +303,11 @@ QCoro::Task<void> MainWindow::sendAfterWait(QString id, QString text, CancelToke
     const bool waited = co_await m_clock.sleep(2.0, token);
     if (!waited || !self)
         co_return;
-    co_await m_chat.send(text, {}, {}, id);
+    // Through the composer, as a person would send it.
+    // No braced lists in this coroutine: GCC 12 mishandles them.
+    if (!m_selection || m_selection->kind != Selection::Kind::chat || m_selection->id != id)
+        showItem(id, std::nullopt);
+    m_pane->sendText(text);
 }
 
 void MainWindow::updateDetail()
