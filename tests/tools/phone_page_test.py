@@ -3,6 +3,7 @@
 selenium): pairs with a code, chats with the stand-in, approves a tool request,
 shows the computer offline, and comes back after a hub restart."""
 import json
+import os
 import re
 import subprocess
 import sys
@@ -82,6 +83,8 @@ class PhonePage(unittest.TestCase):
         box.send_keys("How is the build?", Keys.ENTER)
         self.text_appears("#messages li.assistant", "Here is what I would do")
         self.assertTrue(self.browser.find_elements(By.CSS_SELECTOR, "#messages li.assistant table"))
+        if os.environ.get("ZUV_PAGE_SCREENSHOT"):  # the README's picture
+            self.browser.save_screenshot(os.environ["ZUV_PAGE_SCREENSHOT"])
         self.assertEqual(self.browser.find_element(By.CSS_SELECTOR, "#messages li.user").text, "How is the build?")
 
         # A tool request: the card comes, Allow answers it, the turn ends.
