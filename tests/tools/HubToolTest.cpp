@@ -5,6 +5,8 @@
 #include "clipboard/ClipboardHistory.h"
 #include "clipboard/ClipboardRemote.h"
 #include "link/AppModel.h"
+#include "settings/Models.h"
+#include "settings/SettingsModel.h"
 
 #include "FakePasteboard.h"
 #include "FakeWorkspace.h"
@@ -16,6 +18,9 @@
 #include <QFile>
 #include <QProcess>
 #include <QWebSocket>
+
+#include <csignal>
+#include <sys/prctl.h>
 
 using namespace zuv;
 using namespace zuv::test;
@@ -33,6 +38,8 @@ struct HubProcess {
     void start()
     {
         process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        // The hub ends with the test, even one that crashed.
+        process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
         process.start(QStringLiteral(ZUV_HUB), {"--listen", "127.0.0.1:0", "--data", data.file("hub"), "--turn-delay", "0.05"});
         if (!process.waitForStarted(5000) || !waitUntil([&] { return process.canReadLine(); }, 15000))
             return;
@@ -355,4 +362,62 @@ TEST_F(HubTool, turnsGoToTheComputersClaudeCodeWithStepsAndSurviveHangsAndGarbag
 
     // With no computer that runs turns, the stand-in answers.
     EXPECT_TRUE(sendAndWait("c5", "hello").startsWith("## Here is what I would do"));
+}
+
+TEST_F(HubTool, theAccountsSchedulesMemoryAndSettingsGoThroughTheSettingsModel)
+{
+    ASSERT_TRUE(HubProcess::url.isValid());
+    auto model = makeModel();
+    const QString phone = pair(*model);
+    ASSERT_TRUE(keychain.token());
+    Models models(clock, defaults);
+    SettingsModel settings(api, models);
+
+    ScheduleEdit edit;
+    edit.prompt = QStringLiteral("Summarise what changed in ~/code");
+    edit.spec = ScheduleSpec{QStringLiteral("daily"), QStringLiteral("08:00"), std::nullopt, std::nullopt, std::nullopt};
+    edit.target.kind = ScheduleEdit::TargetChange::Kind::set;
+    edit.target.target.cwd = QStringLiteral("/home/me/code");
+    edit.target.target.agent = QStringLiteral("claude");
+    await(settings.saveSchedule(std::nullopt, edit));
+    ASSERT_TRUE(settings.overview()) << qPrintable(settings.error().value_or(""));
+    ASSERT_EQ(settings.overview()->schedules.size(), 1u);
+    const auto schedule = settings.overview()->schedules[0]; // a copy: the list is replaced at each reload
+    EXPECT_EQ(schedule.prompt, "Summarise what changed in ~/code");
+    ASSERT_TRUE(schedule.nextAt);
+    EXPECT_GT(*schedule.nextAt, double(QDateTime::currentMSecsSinceEpoch()));
+    EXPECT_LE(*schedule.nextAt, double(QDateTime::currentMSecsSinceEpoch()) + 86400000.0);
+    ASSERT_TRUE(schedule.target);
+    EXPECT_EQ(schedule.target->cwd, "/home/me/code");
+
+    ScheduleEdit off;
+    off.enabled = false;
+    off.target.kind = ScheduleEdit::TargetChange::Kind::clear;
+    await(settings.saveSchedule(schedule.id, off));
+    EXPECT_FALSE(settings.overview()->schedules[0].enabled);
+    EXPECT_FALSE(settings.overview()->schedules[0].target) << "null clears the target";
+
+    await(settings.saveMemory(std::nullopt, QStringLiteral("Prefers short answers"), QStringLiteral("preference")));
+    ASSERT_EQ(settings.overview()->memory.size(), 1u);
+    EXPECT_EQ(settings.overview()->memory[0].text, "Prefers short answers");
+    await(settings.setLearning(true));
+    ASSERT_TRUE(settings.overview()->memorySettings);
+    EXPECT_TRUE(settings.overview()->memorySettings->review);
+    await(settings.setModel(QStringLiteral("sonnet"), QStringLiteral("high")));
+    ASSERT_TRUE(settings.me());
+    EXPECT_EQ(settings.me()->model, "sonnet");
+
+    await(settings.connectTelegram(QStringLiteral("not a token")));
+    EXPECT_EQ(settings.error(), "That is not a bot token from @BotFather.");
+    await(settings.deleteMemory(settings.overview()->memory[0].id));
+    EXPECT_TRUE(settings.overview()->memory.empty());
+    await(settings.deleteSchedule(schedule.id));
+    EXPECT_TRUE(settings.overview()->schedules.empty());
+
+    // Deleting the account signs everyone out.
+    EXPECT_TRUE(await(settings.deleteAccount()));
+    int status = 0;
+    call("GET", "/app/conversations", {}, phone, &status);
+    EXPECT_EQ(status, 401);
+    model->stopChildren();
 }

@@ -16,6 +16,7 @@ import unittest
 
 import dbus
 from selenium import webdriver
+from selenium.common.exceptions import StaleElementReferenceException
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
@@ -123,7 +124,14 @@ class WholeSystem(unittest.TestCase):
         subprocess.run([ZUV, "--open-chat", "cdesk", "--send-test", "Hello from the desktop"], env=self.app_env,
                        timeout=30, check=True)
         self.text_appears("#conversations", "Hello from the desktop")
-        self.browser.find_element(By.CSS_SELECTOR, "#conversations li[data-id='cdesk']").click()
+        # The list is drawn again as frames come: click what stands there now.
+        def opened():
+            try:
+                self.browser.find_element(By.CSS_SELECTOR, "#conversations li[data-id='cdesk']").click()
+                return True
+            except StaleElementReferenceException:
+                return False
+        wait_for(opened, what="the conversation in the list")
         self.text_appears("#messages li.user", "Hello from the desktop")
         self.text_appears("#messages li.assistant", "Here is what I would do")
 

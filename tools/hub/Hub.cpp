@@ -442,6 +442,7 @@ Hub::Reply Hub::route(const QString &method, const QString &path, const QUrlQuer
     if (is("POST", "/app/cc/permission"))
         return answerPermission(body);
     if (is("GET", "/app/me")) {
+        const QJsonObject model = m_store.get(QStringLiteral("setting"), QStringLiteral("model")).value_or(QJsonObject());
         QJsonArray macs;
         for (const QJsonObject &d : m_store.list(QStringLiteral("device")))
             macs.append(QJsonObject{{QStringLiteral("id"), d.value(QStringLiteral("id"))},
@@ -453,15 +454,29 @@ Hub::Reply Hub::route(const QString &method, const QString &path, const QUrlQuer
         return {200, QJsonObject{{QStringLiteral("user"), QJsonObject{{QStringLiteral("id"), QStringLiteral("owner")},
                                                                       {QStringLiteral("name"), QStringLiteral("Owner")}}},
                                  {QStringLiteral("owner"), true},
-                                 {QStringLiteral("macs"), macs}}};
+                                 {QStringLiteral("macs"), macs},
+                                 {QStringLiteral("model"), model.value(QStringLiteral("model"))},
+                                 {QStringLiteral("effort"), model.value(QStringLiteral("effort"))},
+                                 {QStringLiteral("telegram"),
+                                  m_store.get(QStringLiteral("setting"), QStringLiteral("telegram"))
+                                      .value_or(QJsonObject{{QStringLiteral("linked"), false}})}}};
     }
-    if (is("GET", "/app/overview"))
+    if (is("GET", "/app/overview")) {
+        QJsonArray schedules, memory;
+        for (const QJsonObject &schedule : m_store.list(QStringLiteral("schedule")))
+            schedules.append(schedule);
+        for (const QJsonObject &note : m_store.list(QStringLiteral("memory")))
+            memory.append(note);
         return {200, QJsonObject{{QStringLiteral("status"),
                                   QJsonObject{{QStringLiteral("mac"), QJsonObject{{QStringLiteral("online"), !m_agents.empty()}}},
                                               {QStringLiteral("cloud"), QJsonObject{{QStringLiteral("online"), true}}},
                                               {QStringLiteral("queued"), 0}}},
-                                 {QStringLiteral("schedules"), QJsonArray{}},
-                                 {QStringLiteral("memory"), QJsonArray{}}}};
+                                 {QStringLiteral("schedules"), schedules},
+                                 {QStringLiteral("memory"), memory},
+                                 {QStringLiteral("memorySettings"),
+                                  m_store.get(QStringLiteral("setting"), QStringLiteral("memory"))
+                                      .value_or(QJsonObject{{QStringLiteral("review"), false}, {QStringLiteral("enabled"), true}})}}};
+    }
     if (is("GET", "/app/power"))
         return {200, QJsonObject{{QStringLiteral("session"), m_awake}, {QStringLiteral("online"), !m_agents.empty()}}};
     if (is("POST", "/app/diagnostics"))
@@ -487,6 +502,9 @@ Hub::Reply Hub::route(const QString &method, const QString &path, const QUrlQuer
         const QString host = QString::fromUtf8(request.value("host"));
         return {200, QJsonObject{{QStringLiteral("url"), QStringLiteral("http://%1/media/%2").arg(host, key)}}};
     }
+    for (const char *prefix : {"/app/schedules", "/app/memory", "/app/settings", "/app/telegram", "/app/account"})
+        if (path.startsWith(QLatin1String(prefix)))
+            return account(method, path, body);
     return error(501, QStringLiteral("%1 %2 is not served by this development hub yet.").arg(method, path),
                  QStringLiteral("NOT_BUILT"));
 }

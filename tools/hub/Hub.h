@@ -77,6 +77,7 @@ private:
                          const QString &channel, const QString &id = {});
     void touchConversation(const QString &id, const QString &preview, bool unread);
     Reply answerPermission(const QJsonObject &body);
+    Reply account(const QString &method, const QString &path, const QJsonObject &body); // Account.cpp
 
     void broadcast(const QJsonObject &envelope);
     static Reply error(int status, const QString &message, const QString &code = {});

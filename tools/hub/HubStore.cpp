@@ -102,6 +102,12 @@ void HubStore::removeGroup(const QString &kind, const QString &group)
     s.text(1, kind).text(2, group).run();
 }
 
+void HubStore::clear()
+{
+    Statement s(m_db, "DELETE FROM records");
+    s.run();
+}
+
 std::vector<QJsonObject> HubStore::list(const QString &kind, const QString &group, int limit) const
 {
     Statement s(m_db, group.isNull() ? "SELECT json FROM records WHERE kind = ? ORDER BY at DESC LIMIT ?"

@@ -27,6 +27,7 @@ public:
     std::optional<QJsonObject> get(const QString &kind, const QString &id) const;
     void remove(const QString &kind, const QString &id);
     void removeGroup(const QString &kind, const QString &group);
+    void clear();
     // Newest first by `at`; with a group, only its records; at most `limit`.
     std::vector<QJsonObject> list(const QString &kind, const QString &group = {}, int limit = 1000) const;
     // Records of `kind` whose JSON holds `text`, ignoring case, newest first.
