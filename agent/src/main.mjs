@@ -9,11 +9,10 @@
 // gone. The clipboard protocol with the hub is written down in agent/README.md.
 import { createRequire } from 'node:module';
 import { createInterface } from 'node:readline';
-import { accessSync, constants } from 'node:fs';
 import path from 'node:path';
 import { Clipboard } from './clipboard.mjs';
 import { Power } from './power.mjs';
-import { Turns } from './turns.mjs';
+import { Turns, onPath } from './turns.mjs';
 
 const require = createRequire(import.meta.url);
 
@@ -49,21 +48,8 @@ const TEMPFAIL = 75;
 const PING_MS = Number(process.env.ZUV_AGENT_PING_MS) || 25000;
 const PONG_WAIT_MS = Number(process.env.ZUV_AGENT_PONG_WAIT_MS) || 60000;
 
-function findOnPath(command) {
-  for (const dir of (process.env.PATH || '').split(':')) {
-    if (!dir) continue;
-    try {
-      accessSync(path.join(dir, command), constants.X_OK);
-      return true;
-    } catch {
-      // not here
-    }
-  }
-  return false;
-}
-
 say(`agent starting, node ${process.version}`);
-say(`claude-code ${JSON.stringify({ found: findOnPath('claude') })}`);
+say(`claude-code ${JSON.stringify({ found: onPath('claude') })}`);
 
 if (!WebSocket) {
   say('agent cannot run: the Node module "ws" is missing (Debian package node-ws)');

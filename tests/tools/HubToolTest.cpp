@@ -240,6 +240,9 @@ TEST_F(HubTool, thePhoneReachesTheComputersClipboardAndStayAwakeThroughTheRealAg
     const QJsonArray items = list.value("result").toObject().value("items").toArray();
     ASSERT_EQ(items.size(), 1);
     EXPECT_EQ(items[0].toObject().value("text").toString(), "an address on the desktop");
+    const QByteArray fetch = QJsonDocument(QJsonObject{{"op", "item"}, {"clip", items[0].toObject().value("id")}}).toJson();
+    EXPECT_EQ(call("POST", "/app/clipboard", fetch, phone).value("result").toObject().value("text").toString(),
+              "an address on the desktop");
 
     const QByteArray add = QJsonDocument(QJsonObject{{"op", "add"}, {"image", false},
                                                      {"file", QJsonObject{{"name", "note.txt"},

@@ -12,8 +12,7 @@ import time
 import unittest
 import urllib.request
 
-from selenium import webdriver
-from selenium.webdriver.chrome.service import Service
+from browser import chromium
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support import expected_conditions as when
@@ -49,11 +48,7 @@ class PhonePage(unittest.TestCase):
     def setUp(self):
         self.data = tempfile.TemporaryDirectory()
         self.hub = Hub(self.data.name)
-        options = webdriver.ChromeOptions()
-        options.binary_location = "/usr/bin/chromium"
-        for flag in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--window-size=420,900"):
-            options.add_argument(flag)
-        self.browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+        self.browser = chromium()
         self.wait = WebDriverWait(self.browser, 20)
 
     def tearDown(self):

@@ -15,9 +15,8 @@ import time
 import unittest
 
 import dbus
-from selenium import webdriver
 from selenium.common.exceptions import StaleElementReferenceException
-from selenium.webdriver.chrome.service import Service
+from browser import chromium
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support import expected_conditions as when
@@ -72,11 +71,7 @@ class WholeSystem(unittest.TestCase):
                             ZUV_PROFILE_SECRETS="file", ASAN_OPTIONS="detect_leaks=0")
         self.app = self.start([ZUV, "--pair"], env=self.app_env)
 
-        options = webdriver.ChromeOptions()
-        options.binary_location = "/usr/bin/chromium"
-        for flag in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", "--window-size=420,900"):
-            options.add_argument(flag)
-        self.browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+        self.browser = chromium()
         self.wait = WebDriverWait(self.browser, 30)
 
     def start(self, command, **kwargs):

@@ -241,6 +241,19 @@ async function loadClips() {
       button.addEventListener('click', () => clipboard({ op, clip: clip.id }).then(() => loadClips()).catch(show));
       actions.append(button);
     }
+    // A tap shows the whole clip: its full text, or its picture.
+    text.addEventListener('click', () => clipboard({ op: 'item', clip: clip.id }).then((full) => {
+      if (typeof full.data === 'string' && /^[A-Za-z0-9+/=]+$/.test(full.data)) {
+        const picture = document.createElement('img');
+        picture.alt = clip.text || 'Picture';
+        picture.style.maxWidth = '100%';
+        picture.src = `data:${/^image\/[\w.+-]+$/.test(full.mime || '') ? full.mime : 'image/png'};base64,${full.data}`;
+        text.replaceChildren(picture);
+      } else if (typeof full.text === 'string') {
+        text.textContent = full.text;
+      }
+      text.style.maxHeight = 'none';
+    }).catch(show));
     item.append(text, meta, actions);
     list.append(item);
   }
