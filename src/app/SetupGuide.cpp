@@ -33,9 +33,14 @@ QString SetupGuide::pairingText(const AppModel &model)
     case State::paired:
         return tr("Paired. Zuv answers from this computer.");
     case State::showing:
-        return tr("Scan with your iPhone's Camera, or in Zuv: Settings → Account → Macs → Add Mac.");
+        return scanHint();
     }
     return {};
+}
+
+QString SetupGuide::scanHint()
+{
+    return tr("Scan with your iPhone's Camera, or in Zuv: Settings → Account → Computers → Add Computer.");
 }
 
 QString SetupGuide::pairingButton(const AppModel &model)

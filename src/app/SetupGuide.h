@@ -23,6 +23,8 @@ struct SetupGuide {
     static QString displayCode(const QString &code);
     static QString pairingText(const AppModel &model);
     static QString pairingButton(const AppModel &model); // empty while a code shows
+    // Beside the QR code: where the phone scans it.
+    static QString scanHint();
     // Claude Code's installer, from its makers' documentation.
     static QString claudeInstaller();
     static QString claudeStatus(const ToolsProbe &tools);

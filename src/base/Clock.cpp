@@ -4,6 +4,8 @@
 
 namespace zuv {
 
+QDateTime Clock::date() const { return QDateTime::fromMSecsSinceEpoch(qint64(now() * 1000)); }
+
 Clock::~Clock() = default;
 
 struct SleepAwaiter {

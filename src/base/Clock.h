@@ -4,6 +4,7 @@
 
 #include "base/Job.h"
 
+#include <QDateTime>
 #include <QObject>
 #include <QCoro/QCoroTask>
 
@@ -22,6 +23,8 @@ public:
 
     virtual double now() const = 0;
     virtual double uptime() const = 0;
+    // now() as a local date and time, for what is shown to the person.
+    QDateTime date() const;
 
     // Waits `seconds` of uptime. Returns false when `token` was cancelled first
     // (also when it is already cancelled) or when the clock goes away.

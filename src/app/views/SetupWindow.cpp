@@ -94,7 +94,7 @@ SetupWindow::SetupWindow(AppModel &model, QWidget *parent) : QWidget(parent, Qt:
     m_code->setFont(mono);
     m_code->setTextInteractionFlags(Qt::TextSelectableByMouse);
     codeText->addWidget(m_code);
-    codeText->addWidget(secondary(tr("Scan with your iPhone's Camera, or in Zuv: Settings → Account → Macs → Add Mac.")));
+    codeText->addWidget(secondary(SetupGuide::scanHint()));
     codeText->addWidget(secondary(tr("Waiting for your iPhone…")));
     codeText->addStretch();
     codeRow->addLayout(codeText, 1);

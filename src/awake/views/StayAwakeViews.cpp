@@ -15,12 +15,6 @@
 
 namespace zuv {
 
-namespace {
-
-QDateTime wallNow(const Clock &clock) { return QDateTime::fromMSecsSinceEpoch(qint64(clock.now() * 1000)); }
-
-} // namespace
-
 void StayAwakeMenu::addDurations(QMenu *menu, StayAwake &awake)
 {
     for (const StayAwake::Offer &offer : StayAwake::durations())
@@ -46,13 +40,13 @@ void StayAwakeMenu::fill(QMenu *menu, StayAwake &awake, Clock &clock)
         addDurations(menu->addMenu(QObject::tr("Keep Awake")), awake);
         return;
     }
-    QAction *summary = menu->addAction(awake.summary(wallNow(clock)).value_or(QString()));
+    QAction *summary = menu->addAction(awake.summary(clock.date()).value_or(QString()));
     summary->setEnabled(false);
     // The summary counts down while the menu is open.
     auto *tick = new QTimer(summary);
     tick->setInterval(1000);
     QObject::connect(tick, &QTimer::timeout, summary, [summary, &awake, &clock] {
-        summary->setText(awake.summary(wallNow(clock)).value_or(QString()));
+        summary->setText(awake.summary(clock.date()).value_or(QString()));
     });
     tick->start();
     if (awake.minutesLeft())
@@ -122,7 +116,7 @@ void StayAwakeSection::refresh()
 {
     const bool active = m_awake.session().active;
     m_state->setText((active ? QStringLiteral("☕ ") : QStringLiteral("🌙 "))
-                     + m_awake.summary(wallNow(m_clock)).value_or(tr("Sleeps normally")));
+                     + m_awake.summary(m_clock.date()).value_or(tr("Sleeps normally")));
     m_keep->setVisible(!active);
     m_extend->setVisible(active && m_awake.minutesLeft().has_value());
     m_sleep->setVisible(active);

@@ -45,8 +45,6 @@ namespace {
 
 using StringMap = QMap<QString, QString>;
 
-QString tr(const char *text) { return QCoreApplication::translate("PolkitPower", text); }
-
 // Field 22 of /proc/self/stat: when this process started, which polkit checks.
 quint64 startTime()
 {
@@ -92,7 +90,7 @@ QDBusMessage checkCall(const QString &action, bool interactive)
 
 } // namespace
 
-PolkitPower::PolkitPower(QDBusConnection bus) : m_bus(std::move(bus))
+PolkitPower::PolkitPower(QDBusConnection bus, QObject *parent) : QObject(parent), m_bus(std::move(bus))
 {
     qDBusRegisterMetaType<PolkitSubject>();
     qDBusRegisterMetaType<StringMap>();
@@ -107,20 +105,27 @@ QStringList PolkitPower::actions()
 
 QCoro::Task<PowerService::Status> PolkitPower::check(bool interactive)
 {
+    QPointer<PolkitPower> self(this);
     m_problem.clear();
     if (!m_bus.isConnected()) {
         m_problem = tr("there is no system bus");
         co_return Status::notFound;
     }
-    // logind first: without it there is nobody to hold an inhibitor.
-    QDBusMessage ping = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.login1"),
-                                                      QStringLiteral("/org/freedesktop/login1"),
-                                                      QStringLiteral("org.freedesktop.DBus.Peer"), QStringLiteral("Ping"));
-    QDBusPendingCall pinging = m_bus.asyncCall(ping, 10000);
-    const QDBusMessage pong = co_await pinging;
-    if (pong.type() == QDBusMessage::ErrorMessage && missing(pong)) {
-        m_problem = tr("logind isn't running on this system");
-        co_return Status::notFound;
+    // logind first: without it there is nobody to hold an inhibitor. Once it has
+    // answered it is not asked again; polkit's answers are what change.
+    if (!m_logindSeen) {
+        QDBusMessage ping = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.login1"),
+                                                          QStringLiteral("/org/freedesktop/login1"),
+                                                          QStringLiteral("org.freedesktop.DBus.Peer"), QStringLiteral("Ping"));
+        QDBusPendingCall pinging = m_bus.asyncCall(ping, 10000);
+        const QDBusMessage pong = co_await pinging;
+        if (!self)
+            co_return Status::notFound;
+        if (pong.type() == QDBusMessage::ErrorMessage && missing(pong)) {
+            m_problem = tr("logind isn't running on this system");
+            co_return Status::notFound;
+        }
+        m_logindSeen = true;
     }
 
     bool all = true;
@@ -131,6 +136,8 @@ QCoro::Task<PowerService::Status> PolkitPower::check(bool interactive)
         // Someone may be typing a password: an interactive check may take its time.
         QDBusPendingCall pending = m_bus.asyncCall(call, interactive ? 300000 : 10000);
         const QDBusMessage reply = co_await pending;
+        if (!self)
+            co_return Status::notFound;
         if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty()
             || !reply.arguments().at(0).canConvert<QDBusArgument>()) {
             if (reply.type() == QDBusMessage::ErrorMessage && missing(reply)) {

@@ -3,6 +3,7 @@
 #include "platform/PowerService.h"
 
 #include <QDBusConnection>
+#include <QObject>
 #include <QString>
 #include <QStringList>
 
@@ -12,9 +13,10 @@ namespace zuv {
 // logind's sleep, idle and lid-switch inhibitors? Enabled when all three are
 // allowed, requiring approval when polkit would ask, not found without logind or
 // polkit on the system bus.
-class PolkitPower final : public PowerService {
+class PolkitPower final : public QObject, public PowerService {
+    Q_OBJECT
 public:
-    explicit PolkitPower(QDBusConnection bus = QDBusConnection::systemBus());
+    explicit PolkitPower(QDBusConnection bus = QDBusConnection::systemBus(), QObject *parent = nullptr);
 
     QCoro::Task<Status> check(bool interactive) override;
     QString problem() const override { return m_problem; }
@@ -24,6 +26,7 @@ public:
 private:
     QDBusConnection m_bus;
     QString m_problem;
+    bool m_logindSeen = false; // asked once: the check runs every few seconds
 };
 
 } // namespace zuv

@@ -19,8 +19,6 @@ namespace zuv {
 
 namespace {
 
-QDateTime wallNow(const Clock &clock) { return QDateTime::fromMSecsSinceEpoch(qint64(clock.now() * 1000)); }
-
 // Loads the conversation and marks it seen, unless the pane moved on meanwhile.
 QCoro::Task<void> refreshAndMarkSeen(QPointer<ChatPane> pane, ChatModel *chat, QString id)
 {
@@ -150,7 +148,6 @@ void ChatPane::setConversation(const std::optional<QString> &id)
     if (m_conversation && m_chat.visible() == m_conversation)
         m_chat.setVisible(std::nullopt);
     m_conversation = id;
-    ++m_generation;
     m_composer->setText({});
     m_composer->setFiles({});
     if (!id) {
@@ -196,7 +193,7 @@ void ChatPane::reload(bool fresh)
         m_body->setCurrentWidget(m_empty);
     else
         m_body->setCurrentWidget(m_list);
-    m_list->setEntries(any ? entries->items() : std::vector<Entry>(), wallNow(m_clock), fresh);
+    m_list->setEntries(any ? entries->items() : std::vector<Entry>(), m_clock.date(), fresh);
     updateWorking();
 }
 

@@ -64,7 +64,6 @@ private:
     QLabel *m_working = nullptr;
     Composer *m_composer = nullptr;
     QLabel *m_dropOverlay = nullptr;
-    int m_generation = 0; // bumps with each conversation shown
 };
 
 } // namespace zuv

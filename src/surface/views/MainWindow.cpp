@@ -400,7 +400,7 @@ void MainWindow::rebuild()
     m_filling = true;
     m_tree->setUpdatesEnabled(false);
     m_tree->clear();
-    const QDateTime now = QDateTime::fromMSecsSinceEpoch(qint64(m_clock.now() * 1000));
+    const QDateTime now = m_clock.date();
     const QString query = m_search->text();
     QTreeWidgetItem *current = nullptr;
 
