@@ -6,7 +6,7 @@ import { randomUUID } from 'node:crypto';
 import { mkdirSync, readdirSync, readFileSync, rmSync, statSync, writeFileSync } from 'node:fs';
 import path from 'node:path';
 
-const OPS = new Set(['list', 'item', 'use', 'pin', 'delete', 'add']);
+const OPS = new Set(['list', 'item', 'use', 'pin', 'delete', 'add']); // 'put' is ours alone: see receive.mjs
 const MAX_FILE = 50 * 1024 * 1024;
 const MAX_PENDING = 10000;
 const ANSWER_WAIT_MS = 120000;
@@ -55,7 +55,8 @@ export class Clipboard {
     for (const [id, request] of this.pending) {
       if (this.now() - request.at > ANSWER_WAIT_MS) {
         this.pending.delete(id);
-        this.toHub({ type: 'clipboard-reply', id: request.hubId, error: 'The computer did not answer in time.' });
+        if (request.resolve) request.resolve({ error: 'The computer did not answer in time.' });
+        else this.toHub({ type: 'clipboard-reply', id: request.hubId, error: 'The computer did not answer in time.' });
       }
     }
   }
@@ -92,11 +93,24 @@ export class Clipboard {
     this.say(`clipboard-ask ${JSON.stringify(request)}`);
   }
 
+  // Asks the app on our own account; resolves with its answer ({result} or {error}).
+  askApp(request) {
+    return new Promise((resolve) => {
+      const id = this.next++;
+      this.pending.set(id, { resolve, folder: null, at: this.now() });
+      this.say(`clipboard-ask ${JSON.stringify({ ...request, id })}`);
+    });
+  }
+
   // An answer from the app: a picture's file goes to the hub as data.
   answered(answer) {
     const request = this.pending.get(answer.clipboard);
     if (!request) return;
     this.pending.delete(answer.clipboard);
+    if (request.resolve) {
+      request.resolve(typeof answer.error === 'string' ? { error: answer.error } : { result: answer.result });
+      return;
+    }
     if (request.folder) rmSync(request.folder, { recursive: true, force: true });
     const reply = { type: 'clipboard-reply', id: request.hubId };
     if (typeof answer.error === 'string') {

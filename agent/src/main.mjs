@@ -8,10 +8,12 @@
 // from the app arrive as JSON lines on stdin; the end of stdin means the app is
 // gone. The clipboard protocol with the hub is written down in agent/README.md.
 import { createRequire } from 'node:module';
-import { createInterface } from 'node:readline';
+import { mkdirSync } from 'node:fs';
 import path from 'node:path';
 import { Clipboard } from './clipboard.mjs';
 import { Power } from './power.mjs';
+import { Receive } from './receive.mjs';
+import { Sessions } from './sessions.mjs';
 import { Turns, onPath } from './turns.mjs';
 
 const require = createRequire(import.meta.url);
@@ -79,7 +81,8 @@ function connect() {
   current.on('open', () => {
     attempt = 0;
     say('hub connected');
-    toHub(turns.hello()); // whether this computer can run turns, and with what
+    // Whether this computer can run turns, and with what; the sessions at work here.
+    toHub({ ...turns.hello(), sessions: sessions.ids() });
     heartbeat = setInterval(() => {
       current.ping();
       if (!pongDeadline) {
@@ -118,6 +121,26 @@ function connect() {
       turns.cancel(message);
       return;
     }
+    if (kind === 'session-turn') {
+      sessions.turn(message);
+      return;
+    }
+    if (kind === 'session-stop') {
+      sessions.halt(message);
+      return;
+    }
+    if (kind === 'permission-answer') {
+      sessions.answer(message);
+      return;
+    }
+    if (kind === 'session-changes' || kind === 'session-projects' || kind === 'session-terminal') {
+      answerHub(kind, message);
+      return;
+    }
+    if (kind === 'clipboard-set') {
+      receive.handle(message);
+      return;
+    }
     if (kind === 'power') {
       // The phone's power commands: the same checks as the app's, then an acknowledgement.
       const id = typeof message.id === 'string' || Number.isSafeInteger(message.id) ? message.id : null;
@@ -140,6 +163,7 @@ function connect() {
   });
   current.on('close', (code) => {
     stopHeartbeat();
+    sessions.withdraw();
     const number = Number.isInteger(code) ? code : 0;
     say(`hub closed ${number}`);
     if (stopping || socket !== current) return;
@@ -183,8 +207,59 @@ const power = new Power({ say, statusFile: process.env.ZUV_AWAKE_STATUS || '', t
 // Turns of the assistant, when Claude Code or Codex is on the PATH.
 const turns = new Turns({ say, toHub });
 
-const input = createInterface({ input: process.stdin });
-input.on('line', (line) => {
+// Agent sessions in folders of this computer, and their tool requests.
+const workDir = process.env.ZUV_WORK_DIR || '.';
+mkdirSync(workDir, { recursive: true });
+const sessions = new Sessions({ say, toHub, socketPath: path.join(workDir, 'approve.sock') });
+
+// Clipboards sent here from the account's other devices.
+const receive = new Receive({
+  hub: hubUrl.replace(/^ws(s?):\/\//, 'http$1://').replace(/\/agent\/ws.*$/, ''),
+  outbox: path.join(workDir, 'clipboard'),
+  clipboard,
+  say,
+  toHub,
+});
+
+// The hub's questions about a session's folder, answered on the same socket.
+async function answerHub(kind, message) {
+  const id = typeof message.id === 'string' && message.id.length <= 64 ? message.id : null;
+  if (!id) return;
+  const cwd = typeof message.cwd === 'string' ? message.cwd : '';
+  let answer;
+  try {
+    if (kind === 'session-changes') answer = { result: await sessions.changes(cwd) };
+    else if (kind === 'session-projects') answer = { result: sessions.projects() };
+    else answer = sessions.terminal(message);
+  } catch {
+    answer = { error: 'The folder could not be read.' };
+  }
+  toHub({ type: `${kind}-reply`, id, ...answer });
+}
+
+// The app's lines, read with a bound: a runaway line is dropped, not kept.
+const LONGEST_COMMAND = 1024 * 1024;
+let pendingInput = '';
+let droppingInput = false;
+process.stdin.setEncoding('utf8');
+process.stdin.on('data', (data) => {
+  let from = pendingInput.length;
+  pendingInput += data;
+  let at;
+  while ((at = pendingInput.indexOf('\n', from)) >= 0) {
+    const line = pendingInput.slice(0, at);
+    pendingInput = pendingInput.slice(at + 1);
+    from = 0;
+    if (droppingInput) droppingInput = false;
+    else command(line);
+  }
+  if (pendingInput.length > LONGEST_COMMAND) {
+    if (!droppingInput) say('command ignored: too long');
+    pendingInput = '';
+    droppingInput = true;
+  }
+});
+function command(line) {
   try {
     const command = JSON.parse(line);
     if (command && typeof command === 'object' && Number.isSafeInteger(command.clipboard)) {
@@ -200,9 +275,10 @@ input.on('line', (line) => {
   } catch {
     say('command ignored: not JSON');
   }
-});
+}
 // The app holds the other end of stdin; when it closes, the app is gone.
-input.on('close', () => stop());
+process.stdin.on('end', () => stop());
+process.stdin.on('close', () => stop());
 
 function stop() {
   if (stopping) return;
@@ -210,6 +286,7 @@ function stop() {
   clipboard.stop();
   power.stop();
   turns.stop();
+  sessions.stop();
   clearTimeout(retryTimer);
   stopHeartbeat();
   if (socket) socket.close(1000);

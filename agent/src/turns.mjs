@@ -11,12 +11,35 @@ const LONGEST_TEXT = 100000;
 const LONGEST_LINE = 4 * 1024 * 1024;
 
 // Ends a turn's tool and everything it started.
-function end(child) {
+export function end(child) {
   try {
     process.kill(-child.pid, 'SIGTERM');
   } catch {
     child.kill('SIGTERM');
   }
+}
+
+// Calls `onEvent` with each JSON object the stream prints on a line of its own;
+// other lines are skipped, and a runaway line is dropped rather than kept.
+export function jsonLines(stream, onEvent) {
+  let buffer = '';
+  stream.setEncoding('utf8');
+  stream.on('data', (data) => {
+    // Only the new data is searched for the line's end, so a long line costs once.
+    let from = buffer.length;
+    buffer += data;
+    let at;
+    while ((at = buffer.indexOf('\n', from)) >= 0) {
+      const line = buffer.slice(0, at).trim();
+      buffer = buffer.slice(at + 1);
+      from = 0;
+      if (!line.startsWith('{')) continue;
+      let event;
+      try { event = JSON.parse(line); } catch { continue; }
+      if (event && typeof event === 'object') onEvent(event);
+    }
+    if (buffer.length > LONGEST_LINE) buffer = '';
+  });
 }
 
 export function onPath(command) {
@@ -97,26 +120,15 @@ export class Turns {
     this.say(`turn ${agent} started`);
     let answer = null;
     let failed = null;
-    let buffer = '';
     const timer = setTimeout(() => {
       failed = 'The turn took too long and was stopped.';
       end(child);
     }, TURN_MS);
-    child.stdout.on('data', (data) => {
-      buffer += String(data);
-      if (buffer.length > LONGEST_LINE) buffer = buffer.slice(-LONGEST_LINE); // a runaway line is dropped, not kept
-      let end;
-      while ((end = buffer.indexOf('\n')) >= 0) {
-        const line = buffer.slice(0, end).trim();
-        buffer = buffer.slice(end + 1);
-        if (!line.startsWith('{')) continue;
-        let event;
-        try { event = JSON.parse(line); } catch { continue; }
-        const meaning = readEvent(event);
-        if (meaning.step) this.toHub({ type: 'turn-step', id, step: meaning.step });
-        if (meaning.answer !== undefined) answer = meaning.answer;
-        if (meaning.failed) failed = meaning.failed;
-      }
+    jsonLines(child.stdout, (event) => {
+      const meaning = readEvent(event);
+      if (meaning.step) this.toHub({ type: 'turn-step', id, step: meaning.step });
+      if (meaning.answer !== undefined) answer = meaning.answer;
+      if (meaning.failed) failed = meaning.failed;
     });
     const finish = (code) => {
       clearTimeout(timer);

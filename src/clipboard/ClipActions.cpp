@@ -364,6 +364,43 @@ bool ClipboardHistory::addFromPhone(const QString &file, bool image)
     return true;
 }
 
+// What another computer of the account sent goes onto this clipboard, as if it was
+// copied here; the history keeps it when it is on.
+bool ClipboardHistory::putReceived(const QString &file, bool image)
+{
+    QFile in(file);
+    if (!in.open(QIODevice::ReadOnly))
+        return false;
+    const QByteArray bytes = in.read(Pasteboard::sizeLimit + 1);
+    if (bytes.isEmpty() || bytes.size() > Pasteboard::sizeLimit)
+        return false;
+    ClipContent content;
+    if (image) {
+        const QImage picture = QImage::fromData(bytes);
+        if (picture.isNull())
+            return false;
+        QByteArray png = bytes;
+        if (!bytes.startsWith("\x89PNG")) {
+            png.clear();
+            QBuffer buffer(&png);
+            buffer.open(QIODevice::WriteOnly);
+            if (!picture.save(&buffer, "PNG"))
+                return false;
+        }
+        content = ClipContent{QStringLiteral("image/png"), png};
+    } else {
+        const auto text = ClipRules::utf8(bytes);
+        if (!text || text->isEmpty())
+            return false;
+        content = ClipContent{ClipRules::plainText, bytes};
+    }
+    m_pasteboard.write({{content}});
+    noteOwnWrite();
+    if (m_store)
+        record({content}, ownApp(), m_clock.now());
+    return true;
+}
+
 QCoro::Task<std::optional<QByteArray>> ClipboardHistory::phoneThumbnail(Clip clip)
 {
     if (QByteArray *cached = m_phoneThumbnails.object(clip.id))

@@ -104,6 +104,7 @@ public:
     // because keys cannot be posted here.
     bool use(const Clip &clip, bool paste, bool plain);
     void copyText(const QString &text);
+    bool putReceived(const QString &file, bool image);
     void togglePin(qint64 id);
     void remove(const std::vector<qint64> &ids);
     void clear(bool all);

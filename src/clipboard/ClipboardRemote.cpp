@@ -136,6 +136,14 @@ bool ClipboardRemote::inOutbox(const QString &path) const
 QCoro::Task<QJsonObject> ClipboardRemote::answer(QString op, QJsonObject message)
 {
     QPointer<ClipboardRemote> self(this);
+    if (op == QLatin1String("put")) {
+        // Sent from another computer of the account: onto this clipboard, history or not.
+        const QJsonValue path = message.value(QStringLiteral("path"));
+        if (!path.isString() || !inOutbox(path.toString())
+            || !m_history.putReceived(canonical(path.toString()), message.value(QStringLiteral("image")).toBool(false)))
+            throw Error(tr("Nothing to put on the clipboard."));
+        co_return one(QStringLiteral("ok"), true);
+    }
     if (!m_history.enabled() || !m_history.store())
         co_return one(QStringLiteral("enabled"), false);
 

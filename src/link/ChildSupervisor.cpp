@@ -51,8 +51,11 @@ bool ChildSupervisor::ownerEnvFile() const
 Child::Environment ChildSupervisor::agentEnvironment() const
 {
     Child::Environment env;
-    // The system bus's address where the desktop moved it: logind is reached through it.
-    for (const char *name : {"HOME", "USER", "LOGNAME", "LANG", "TMPDIR", "SHELL", "DBUS_SYSTEM_BUS_ADDRESS"}) {
+    // The system bus's address where the desktop moved it: logind is reached through
+    // it. The desktop's folders and display: received files go to the Downloads
+    // folder it names, and a session continued in a terminal opens on this screen.
+    for (const char *name : {"HOME", "USER", "LOGNAME", "LANG", "TMPDIR", "SHELL", "DBUS_SYSTEM_BUS_ADDRESS",
+                             "XDG_CONFIG_HOME", "XDG_RUNTIME_DIR", "DISPLAY", "WAYLAND_DISPLAY", "DBUS_SESSION_BUS_ADDRESS"}) {
         if (qEnvironmentVariableIsSet(name))
             env[QString::fromLatin1(name)] = qEnvironmentVariable(name);
     }

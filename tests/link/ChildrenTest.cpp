@@ -78,7 +78,10 @@ TEST_F(ChildrenTest, theAgentsEnvironmentIsExactlyTheTable)
     const QStringList expected{"HOME", "LANG", "LOGNAME", "PATH", "SHELL", "USER", "ZUV_AGENT_TOKEN",
                                "ZUV_API_URL", "ZUV_APP_CONTROL", "ZUV_AWAKE_STATUS", "ZUV_BIN_DIR", "ZUV_BUILD",
                                "ZUV_HUB_URL", "ZUV_NO_ENV_FILE", "ZUV_PREBUILT", "ZUV_SCREEN_SOCKET", "ZUV_SITE",
-                               "ZUV_VERSION", "ZUV_WORK_DIR"};
+                               "ZUV_VERSION", "ZUV_WORK_DIR",
+                               // the desktop's, when set
+                               "DISPLAY", "WAYLAND_DISPLAY", "XDG_RUNTIME_DIR", "XDG_CONFIG_HOME", "DBUS_SESSION_BUS_ADDRESS",
+                               "DBUS_SYSTEM_BUS_ADDRESS"};
     for (const auto &[key, value] : env)
         EXPECT_TRUE(expected.contains(key)) << key.toStdString();
 

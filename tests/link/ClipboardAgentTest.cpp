@@ -125,3 +125,81 @@ TEST_F(ClipboardAgentTest, thePhoneListsAddsFetchesUsesPinsAndDeletesThroughTheR
     }
     ASSERT_TRUE(test::waitUntil([&] { return replies.size() == 10 + 300; }, 30000)) << replies.size();
 }
+
+TEST_F(ClipboardAgentTest, whatAnotherDeviceSendsLandsOnTheClipboardOrInDownloads)
+{
+    // The Downloads folder as xdg-user-dirs names it.
+    qputenv("XDG_CONFIG_HOME", home.file("config").toUtf8());
+    QDir().mkpath(home.file("config"));
+    test::writeText(home.file("config/user-dirs.dirs"), "XDG_DOWNLOAD_DIR=\"$HOME/Fetched\"\n");
+    QImage picture(8, 6, QImage::Format_RGB32);
+    picture.fill(Qt::red);
+    QByteArray png;
+    QBuffer buffer(&png);
+    buffer.open(QIODevice::WriteOnly);
+    picture.save(&buffer, "PNG");
+    hub.on("GET", "/media/mpng", test::TestHub::Response{200, png, "image/png"});
+    hub.on("GET", "/media/mtxt", test::TestHub::Response{200, "notes", "text/plain"});
+    std::vector<QJsonObject> received;
+    AppModel::Hooks hooks;
+    hooks.clipboardAsk = [this](const QString &line) { remote->handle(line); };
+    hooks.clipboardReceived = [&](const QJsonObject &info) { received.push_back(info); };
+    model->setHooks(hooks);
+    std::map<QString, QJsonObject> answers;
+    QObject::connect(&hub, &test::TestHub::socketConnected, [&](QWebSocket *s) {
+        QObject::connect(s, &QWebSocket::textMessageReceived, [&](const QString &m) {
+            const QJsonObject reply = QJsonDocument::fromJson(m.toUtf8()).object();
+            if (reply.value("type") == "clipboard-set-reply")
+                answers[reply.value("id").toString()] = reply;
+        });
+    });
+    model->startChildren();
+    ASSERT_TRUE(test::waitUntil([&] { return model->connected() && agent; }, 20000));
+    const auto send = [&](const QString &id, QJsonObject message) {
+        message.insert("type", "clipboard-set");
+        message.insert("id", id);
+        agent->sendTextMessage(QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact)));
+        test::waitUntil([&] { return answers.count(id) > 0; }, 10000);
+        return answers[id];
+    };
+
+    // A text goes onto the clipboard, and into the history as our own copy.
+    EXPECT_TRUE(send("s1", {{"text", "from the laptop"}, {"from", "Laptop"}}).value("result").toObject().value("ok").toBool());
+    ASSERT_FALSE(pasteboard.written.empty());
+    EXPECT_EQ(pasteboard.written.back()[0][0].data, "from the laptop");
+    ASSERT_TRUE(test::waitUntil([&] { return received.size() == 1; }));
+    EXPECT_EQ(received[0].value("from"), "Laptop");
+    EXPECT_EQ(received[0].value("kind"), "text");
+
+    // A picture is fetched from the hub and put on the clipboard as PNG.
+    EXPECT_TRUE(send("s2", {{"files", QJsonArray{QJsonObject{{"key", "mpng"}, {"name", "Clipboard.png"}}}}, {"image", true}})
+                    .contains("result"));
+    EXPECT_EQ(pasteboard.written.back()[0][0].type, "image/png");
+    EXPECT_EQ(pasteboard.written.back()[0][0].data, png);
+
+    // Files are saved in Downloads; a name already there is not overwritten.
+    QDir().mkpath(home.file("Fetched"));
+    test::writeText(home.file("Fetched/notes.txt"), "older");
+    EXPECT_TRUE(send("s3", {{"files", QJsonArray{QJsonObject{{"key", "mtxt"}, {"name", "../../notes.txt"}},
+                                                  QJsonObject{{"key", "mtxt"}, {"name", "b.txt"}}}}})
+                    .contains("result"));
+    EXPECT_EQ(test::readText(home.file("Fetched/notes.txt")), "older");
+    EXPECT_EQ(test::readText(home.file("Fetched/notes (2).txt")), "notes");
+    EXPECT_EQ(test::readText(home.file("Fetched/b.txt")), "notes");
+    ASSERT_TRUE(test::waitUntil([&] { return received.size() == 3; }));
+    EXPECT_EQ(received[2].value("kind"), "files");
+    EXPECT_EQ(received[2].value("count"), 2);
+
+    // Failures answer the hub in plain words and change nothing here.
+    const size_t writes = pasteboard.written.size();
+    EXPECT_EQ(send("s4", {{"files", QJsonArray{QJsonObject{{"key", "missing"}, {"name", "x.png"}}}}, {"image", true}})
+                  .value("error"), "The file could not be fetched from the hub.");
+    EXPECT_EQ(send("s5", {{"text", QString(100001, 'x')}}).value("error"), "The text is too long (100,000 characters at most).");
+    EXPECT_EQ(send("s6", {{"files", QJsonArray{QJsonObject{{"key", "mtxt"}, {"name", "a.txt"}}}}, {"image", true}})
+                  .value("error"), "Nothing to put on the clipboard.") << "a text file is no picture";
+    EXPECT_EQ(send("s7", {}).value("error"), "Nothing was sent.");
+    EXPECT_EQ(pasteboard.written.size(), writes);
+    EXPECT_EQ(received.size(), 3u);
+    EXPECT_TRUE(QDir(home.file("data/work/clipboard")).entryList(QDir::Dirs | QDir::NoDotAndDotDot).isEmpty())
+        << "nothing is left in the outbox";
+}

@@ -103,6 +103,9 @@ quint16 Hub::listen()
     const quint16 port = m_server.listen(m_options.address, m_options.port);
     if (!port)
         m_problem = QStringLiteral("cannot listen on %1:%2").arg(m_options.address.toString()).arg(m_options.port);
+    m_base = QStringLiteral("http://%1:%2")
+                 .arg(m_options.address == QHostAddress::Any ? QStringLiteral("127.0.0.1") : m_options.address.toString())
+                 .arg(port);
     return port;
 }
 
@@ -196,6 +199,12 @@ void Hub::answer(const QHttpServerRequest &request, QHttpServerResponder &&respo
             return respond(error(400, why, QStringLiteral("BAD_REQUEST")));
         return relay(clipboard ? QStringLiteral("clipboard") : QStringLiteral("power"), *message, std::move(responder));
     }
+    const bool agentPath = path.startsWith(QLatin1String("/app/cc/")) || path == QLatin1String("/app/mac/clipboard");
+    if (agentPath && (who.kind == Caller::Kind::access || who.kind == Caller::Kind::phone)) {
+        if (auto reply = agentWork(method, path, query, body, responder))
+            respond(*reply);
+        return;
+    }
     respond(route(method, path, query, body, who, request));
 }
 
@@ -247,15 +256,19 @@ std::optional<QJsonObject> Hub::powerRequest(const QJsonObject &body, QString *w
     return std::nullopt;
 }
 
-void Hub::relay(const QString &type, QJsonObject message, QHttpServerResponder &&responder)
+QWebSocket *Hub::agentOf(const QString &device) const
 {
-    // One account, most often one computer: the first one online answers.
-    QWebSocket *agent = nullptr;
-    for (const auto &[device, socket] : m_agents)
-        if (socket && socket->state() == QAbstractSocket::ConnectedState) {
-            agent = socket.get();
-            break;
-        }
+    // One account, most often one computer: without a device, the first one online.
+    for (const auto &[id, socket] : m_agents)
+        if (socket && socket->state() == QAbstractSocket::ConnectedState && (device.isEmpty() || id == device))
+            return socket.get();
+    return nullptr;
+}
+
+void Hub::relay(const QString &type, QJsonObject message, QHttpServerResponder &&responder, const QString &device,
+                int seconds, Done done)
+{
+    QWebSocket *agent = agentOf(device);
     if (!agent) {
         const Reply offline = error(503, QStringLiteral("The computer is offline: its agent isn't connected."),
                                     QStringLiteral("COMPUTER_OFFLINE"));
@@ -265,14 +278,14 @@ void Hub::relay(const QString &type, QJsonObject message, QHttpServerResponder &
     const QString id = QStringLiteral("r%1").arg(++m_nextRelay);
     message.insert(QStringLiteral("type"), type);
     message.insert(QStringLiteral("id"), id);
-    m_relayed[id] = std::make_shared<QHttpServerResponder>(std::move(responder));
+    m_relayed[id] = {std::make_shared<QHttpServerResponder>(std::move(responder)), std::move(done)};
     agent->sendTextMessage(QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact)));
-    QTimer::singleShot(30000, this, [this, id] {
+    QTimer::singleShot(seconds * 1000, this, [this, id] {
         const auto held = m_relayed.find(id);
         if (held == m_relayed.end())
             return;
         const Reply late = error(504, QStringLiteral("The computer did not answer in time."), QStringLiteral("TIMEOUT"));
-        held->second->write(QJsonDocument(late.body), QHttpServerResponder::StatusCode(late.status));
+        held->second.responder->write(QJsonDocument(late.body), QHttpServerResponder::StatusCode(late.status));
         m_relayed.erase(held);
     });
 }
@@ -291,6 +304,15 @@ void Hub::agentMessage(const QString &device, const QString &text)
     }
     if (type == QLatin1String("hello")) {
         m_hello[device] = message;
+        sessionsAtHello(device, message.value(QStringLiteral("sessions")).toArray());
+        return;
+    }
+    if (type.startsWith(QLatin1String("session-")) && !type.endsWith(QLatin1String("-reply"))) {
+        sessionMessage(device, type, message);
+        return;
+    }
+    if (type == QLatin1String("permission")) {
+        sessionMessage(device, type, message);
         return;
     }
     if (type == QLatin1String("turn-step") || type == QLatin1String("turn-reply")) {
@@ -315,16 +337,19 @@ void Hub::agentMessage(const QString &device, const QString &text)
         reply(turn.conversation, text);
         return;
     }
-    if (type != QLatin1String("clipboard-reply") && type != QLatin1String("power-reply"))
+    if (!type.endsWith(QLatin1String("-reply")))
         return;
     const auto held = m_relayed.find(message.value(QStringLiteral("id")).toVariant().toString());
     if (held == m_relayed.end())
         return; // late, or never asked
-    const Reply reply = message.contains(QStringLiteral("error"))
-        ? error(502, string(message, "error").left(500), QStringLiteral("COMPUTER_ERROR"))
-        : Reply{200, QJsonObject{{QStringLiteral("result"), message.value(QStringLiteral("result"))}}};
-    held->second->write(QJsonDocument(reply.body), QHttpServerResponder::StatusCode(reply.status));
+    const Relayed relayed = held->second;
     m_relayed.erase(held);
+    const bool failed = message.contains(QStringLiteral("error"));
+    const Reply reply = failed ? error(502, string(message, "error").left(500), QStringLiteral("COMPUTER_ERROR"))
+                               : Reply{200, QJsonObject{{QStringLiteral("result"), message.value(QStringLiteral("result"))}}};
+    if (!failed && relayed.done)
+        relayed.done(message.value(QStringLiteral("result")));
+    relayed.responder->write(QJsonDocument(reply.body), QHttpServerResponder::StatusCode(reply.status));
 }
 
 Hub::Reply Hub::route(const QString &method, const QString &path, const QUrlQuery &query, const QJsonObject &body,
@@ -426,21 +451,6 @@ Hub::Reply Hub::route(const QString &method, const QString &path, const QUrlQuer
                                        {QStringLiteral("channel"), e.value(QStringLiteral("channel"))}});
         return {200, QJsonObject{{QStringLiteral("results"), results}}};
     }
-    if (is("GET", "/app/cc/sessions")) {
-        QJsonArray list;
-        for (const QJsonObject &s : m_store.list(QStringLiteral("session")))
-            list.append(s);
-        return {200, QJsonObject{{QStringLiteral("sessions"), list}}};
-    }
-    if (is("GET", "/app/cc/permissions")) {
-        QJsonArray list;
-        for (const QJsonObject &p : m_store.list(QStringLiteral("permission")))
-            if (string(p, "status") == QLatin1String("pending"))
-                list.append(p);
-        return {200, QJsonObject{{QStringLiteral("permissions"), list}}};
-    }
-    if (is("POST", "/app/cc/permission"))
-        return answerPermission(body);
     if (is("GET", "/app/me")) {
         const QJsonObject model = m_store.get(QStringLiteral("setting"), QStringLiteral("model")).value_or(QJsonObject());
         QJsonArray macs;
@@ -699,6 +709,7 @@ bool Hub::sendTurnToAgent(const QString &conversation, int turn, const QString &
 void Hub::agentGone(const QString &device)
 {
     m_hello.erase(device);
+    sessionsGone(device);
     for (auto it = m_agentTurns.begin(); it != m_agentTurns.end();) {
         if (it->second.device != device) {
             ++it;
@@ -750,6 +761,18 @@ Hub::Reply Hub::answerPermission(const QJsonObject &body)
         return {200, {}}; // answered already, from another device
     const bool allow = body.value(QStringLiteral("allow")).toBool();
     request->insert(QStringLiteral("status"), allow ? QStringLiteral("allowed") : QStringLiteral("denied"));
+    if (const auto route = m_store.get(QStringLiteral("route"), id)) {
+        // A computer's session waits for this answer; it reports what follows itself.
+        m_store.put(QStringLiteral("permission"), id, *request, string(*request, "sessionId"), request->value(QStringLiteral("at")).toDouble());
+        m_store.remove(QStringLiteral("route"), id);
+        broadcast({{QStringLiteral("kind"), QStringLiteral("perm")}, {QStringLiteral("request"), *request}});
+        if (QWebSocket *agent = agentOf(string(*route, "device")))
+            agent->sendTextMessage(QString::fromUtf8(QJsonDocument(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission-answer")},
+                                                                               {QStringLiteral("ref"), route->value(QStringLiteral("ref"))},
+                                                                               {QStringLiteral("allow"), allow}})
+                                                         .toJson(QJsonDocument::Compact)));
+        return {200, {}};
+    }
     const QString sessionId = string(*request, "sessionId");
     auto session = m_store.get(QStringLiteral("session"), sessionId);
     const QString conversation = session ? string(*session, "conversation") : QString();

@@ -9,6 +9,7 @@
 #include <QWebSocket>
 #include <QHttpServerResponder>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -56,8 +57,28 @@ private:
     Caller caller(const QByteArray &authorization, const QString &queryToken) const;
     void accept(std::unique_ptr<QWebSocket> socket);
 
-    // Requests for the computer go to its agent; the answer comes back on its socket.
-    void relay(const QString &type, QJsonObject message, QHttpServerResponder &&responder);
+    // Requests for the computer go to its agent (that of `device`, or the first one
+    // online); the answer comes back on its socket, and `done` sees a result first.
+    using Done = std::function<void(const QJsonValue &result)>;
+    void relay(const QString &type, QJsonObject message, QHttpServerResponder &&responder, const QString &device = {},
+               int seconds = 30, Done done = {});
+    QWebSocket *agentOf(const QString &device) const;
+
+    // Agent sessions, tool requests and clipboards sent to a computer (Sessions.cpp).
+    // Gives no reply when the request went on to an agent, which answers it.
+    std::optional<Reply> agentWork(const QString &method, const QString &path, const QUrlQuery &query,
+                                   const QJsonObject &body, QHttpServerResponder &responder);
+    Reply newSession(const QJsonObject &body);
+    Reply sessionReply(const QJsonObject &body);
+    Reply stopSession(const QJsonObject &body, bool remove);
+    void sessionMessage(const QString &device, const QString &type, const QJsonObject &message);
+    void sessionsAtHello(const QString &device, const QJsonArray &running);
+    void sessionsGone(const QString &device);
+    void saveSession(const QJsonObject &session, const QString &event);
+    void addItem(const QString &session, QJsonObject item);
+    double tick();
+    double m_lastTick = 0;
+    QString m_base; // http://address:port, as it listens
     void agentMessage(const QString &device, const QString &text);
     static std::optional<QJsonObject> clipboardRequest(const QJsonObject &body, QString *why);
     static std::optional<QJsonObject> powerRequest(const QJsonObject &body, QString *why);
@@ -91,7 +112,11 @@ private:
     std::vector<std::unique_ptr<QWebSocket>> m_appSockets;
     std::map<QString, std::unique_ptr<QWebSocket>> m_agents; // by device
     std::map<QString, int> m_turns; // conversation → the running turn's number
-    std::map<QString, std::shared_ptr<QHttpServerResponder>> m_relayed; // by request id
+    struct Relayed {
+        std::shared_ptr<QHttpServerResponder> responder;
+        Done done;
+    };
+    std::map<QString, Relayed> m_relayed; // by request id
     int m_nextRelay = 0;
     QJsonObject m_awake; // what the computer's agent last said of staying awake
     std::map<QString, QJsonObject> m_hello; // by device: what each agent can run
