@@ -169,7 +169,16 @@ TEST_F(HubTool, badRequestsAreRefusedInTheErrorShapeAndDataSurvivesARestart)
     EXPECT_EQ(code(call("POST", "/app/cc/permission", R"({"id":"p1","allow":"yes"})", phone)), "BAD_ANSWER");
     EXPECT_EQ(code(call("GET", "/nowhere.html", {}, {}, &status)), "");
     EXPECT_EQ(status, 404);
-    EXPECT_EQ(code(call("POST", "/app/cc/new", "{}", phone, &status)), "NOT_BUILT");
+    EXPECT_EQ(code(call("POST", "/app/cc/new", "{}", phone, &status)), "BAD_CWD");
+    EXPECT_EQ(code(call("POST", "/app/cc/new", R"({"cwd":"/tmp","prompt":"x","model":7})", phone)), "BAD_REQUEST");
+    EXPECT_EQ(code(call("POST", "/app/cc/reply", R"({"id":"none","text":"x"})", phone, &status)), "NOT_FOUND");
+    EXPECT_EQ(code(call("GET", "/app/cc/projects?device=..%2F", {}, phone, &status)), "BAD_ID");
+    EXPECT_EQ(code(call("POST", "/app/mac/clipboard", R"({"device":"nope","text":"x"})", phone, &status)), "NOT_FOUND");
+    const QString device = call("GET", "/app/me", {}, phone).value("macs").toArray().at(0).toObject().value("id").toString();
+    EXPECT_EQ(code(call("POST", "/app/mac/clipboard", QJsonDocument(QJsonObject{{"device", device}}).toJson(), phone)), "EMPTY");
+    EXPECT_EQ(code(call("POST", "/app/mac/clipboard",
+                        QJsonDocument(QJsonObject{{"device", device}, {"files", QJsonArray{QJsonObject{{"key", "forged"}}}}}).toJson(),
+                        phone)), "BAD_FILE") << "only files uploaded here";
     EXPECT_EQ(call("GET", "/app/search?q=%25", {}, phone).value("results").toArray().size(), 0) << "% is a plain character";
 
     // The agent's socket: an unknown token is refused with 4401; a second agent replaces the first with 4409.
@@ -423,4 +432,138 @@ TEST_F(HubTool, theAccountsSchedulesMemoryAndSettingsGoThroughTheSettingsModel)
     call("GET", "/app/conversations", {}, phone, &status);
     EXPECT_EQ(status, 401);
     model->stopChildren();
+}
+
+TEST_F(HubTool, sessionsRunClaudeCodeOnTheComputerAndAskBeforeEachTool)
+{
+    ASSERT_TRUE(HubProcess::url.isValid());
+    const QJsonObject start = call("POST", "/pair/start", R"({"name":"Desk"})");
+    const QString phone = call("POST", "/phone/pair", QJsonDocument(QJsonObject{{"code", start["code"]}}).toJson()).value("token").toString();
+    const QString agentToken = call("POST", "/pair/poll", QJsonDocument(QJsonObject{{"code", start["code"]}, {"secret", start["secret"]}}).toJson())
+                                   .value("token").toString();
+    ASSERT_FALSE(agentToken.isEmpty());
+    keychain.setToken(agentToken); // the app's own calls, as a paired app makes them
+
+    // A Git tree with one changed and one new file.
+    const QString project = home.file("code/proj");
+    QDir().mkpath(project);
+    const auto git = [&](const QStringList &args) {
+        return QProcess::execute("git", QStringList{"-C", project, "-c", "user.email=t@t", "-c", "user.name=t"} + args);
+    };
+    writeText(project + "/a.txt", "a\n");
+    ASSERT_EQ(git({"init", "-q", "-b", "main"}), 0);
+    git({"add", "."});
+    git({"commit", "-qm", "first"});
+    writeText(project + "/a.txt", "a\nb\n");
+    writeText(project + "/new.txt", "new\n");
+
+    AgentProcess agent(HubProcess::url, agentToken, home, QStringLiteral(ZUV_FAKES));
+    ASSERT_TRUE(agent.said("hub connected")) << qPrintable(agent.lines.join('\n'));
+    ASSERT_TRUE(waitUntil([&] {
+        return call("GET", "/app/me", {}, phone).value("macs").toArray().at(0).toObject().value("turns").toBool();
+    }, 10000));
+    chat->start();
+    ASSERT_TRUE(waitUntil([&] { return chat->live(); }, 10000));
+    const auto session = [&](const QString &id) -> std::optional<CcSession> {
+        for (const CcSession &s : chat->sessions())
+            if (s.id == id)
+                return s;
+        return std::nullopt;
+    };
+    const auto settled = [&](const QString &id) {
+        waitUntil([&] { return session(id) && session(id)->status != "running"; }, 15000);
+        return session(id).value_or(CcSession{});
+    };
+
+    // A new session runs in its folder and can be resumed.
+    const auto id = await(chat->newSession(project, "hello there", "claude", "", "", std::nullopt));
+    ASSERT_TRUE(id) << qPrintable(chat->error().value_or(""));
+    CcSession done = settled(*id);
+    EXPECT_EQ(done.status, "idle");
+    EXPECT_EQ(done.lastReply, "Done: hello there");
+    EXPECT_EQ(done.project, "proj");
+    EXPECT_EQ(done.deviceName, "Desk");
+    ASSERT_TRUE(done.usage);
+    EXPECT_EQ(done.usage->input, 10);
+    ASSERT_TRUE(done.resumeCommand);
+    EXPECT_TRUE(done.resumeCommand->contains("claude --resume fake-")) << qPrintable(*done.resumeCommand);
+    ASSERT_TRUE(await(chat->reply("and again", {}, *id)));
+    EXPECT_TRUE(settled(*id).lastReply->startsWith("Done: and again (resumed fake-"));
+
+    // A tool request waits for the person; allowed, the tool runs.
+    ASSERT_TRUE(await(chat->reply("run: ls -la", {}, *id)));
+    ASSERT_TRUE(waitUntil([&] { return !chat->permissions().empty(); }, 10000));
+    const CcPermission asked = chat->permissions()[0];
+    EXPECT_EQ(asked.sessionId, *id);
+    EXPECT_EQ(asked.tool, "Bash");
+    EXPECT_EQ(asked.summary, "Bash: ls -la");
+    EXPECT_TRUE(asked.detail.contains("\"command\": \"ls -la\""));
+    EXPECT_EQ(session(*id)->status, "running") << "it waits for the answer";
+    await(chat->answer(asked.id, true));
+    EXPECT_EQ(settled(*id).lastReply, "Ran ls -la in " + project);
+    const ChatModel::Detail detail = await(chat->sessionDetail(*id));
+    ASSERT_EQ(detail.kind, ChatModel::Detail::Kind::loaded);
+    QStringList roles;
+    for (const CcItem &item : detail.items)
+        roles << item.role;
+    EXPECT_EQ(roles.join(','), "user,assistant,user,assistant,user,tool,assistant");
+    // Denied, it does not.
+    ASSERT_TRUE(await(chat->reply("run: rm -rf ~", {}, *id)));
+    ASSERT_TRUE(waitUntil([&] { return !chat->permissions().empty(); }, 10000));
+    await(chat->answer(chat->permissions()[0].id, false));
+    EXPECT_EQ(settled(*id).lastReply, "Not allowed: Denied from Zuv.");
+
+    // The folder's state, and the folders to start in.
+    const CcChanges changes = await(chat->changes(*id));
+    EXPECT_TRUE(changes.git);
+    EXPECT_EQ(changes.branch, "main");
+    ASSERT_EQ(changes.files.size(), 2u);
+    EXPECT_EQ(changes.files[0].path, "a.txt");
+    EXPECT_EQ(changes.files[0].status, "M");
+    EXPECT_EQ(changes.files[0].added, 1);
+    EXPECT_TRUE(changes.files[0].diff.contains("+b"));
+    EXPECT_EQ(changes.files[1].path, "new.txt");
+    EXPECT_EQ(changes.files[1].status, "?");
+    const auto projects = await(chat->projects(std::nullopt));
+    ASSERT_FALSE(projects.empty());
+    EXPECT_EQ(projects[0].cwd, project);
+
+    // A hanging turn is stopped; a busy session takes no reply; garbage fails the turn.
+    ASSERT_TRUE(await(chat->reply("please hang", {}, *id)));
+    ASSERT_TRUE(waitUntil([&] { return agent.lines.join('\n').count("session claude started") == 5; }, 10000));
+    int status = 0;
+    call("POST", "/app/cc/reply", QJsonDocument(QJsonObject{{"id", *id}, {"text", "more"}}).toJson(), phone, &status);
+    EXPECT_EQ(status, 409);
+    chat->stopSession(*id);
+    EXPECT_EQ(settled(*id).lastReply, "Stopped.");
+    ASSERT_TRUE(await(chat->reply("print garbage", {}, *id)));
+    done = settled(*id);
+    EXPECT_EQ(done.status, "failed");
+    EXPECT_EQ(done.lastReply, "Claude Code ended without an answer (exit 0).");
+
+    // Bad requests get the documented error shape.
+    const QJsonObject relative = call("POST", "/app/cc/new", R"({"cwd":"code","prompt":"x"})", phone, &status);
+    EXPECT_EQ(status, 400);
+    EXPECT_EQ(relative.value("error").toObject().value("code"), "BAD_CWD");
+    call("GET", "/app/cc/session?id=nope", {}, phone, &status);
+    EXPECT_EQ(status, 404);
+    const auto missing = await(chat->newSession(home.file("nowhere"), "x", "claude", "", "", std::nullopt));
+    ASSERT_TRUE(missing);
+    EXPECT_EQ(settled(*missing).lastReply, "There is no folder " + home.file("nowhere") + " on this computer.");
+
+    // The agent goes while a question is open: the question expires, and the
+    // sessions it ran are failed when a new agent says what it runs.
+    ASSERT_TRUE(await(chat->reply("run: make", {}, *id)));
+    ASSERT_TRUE(waitUntil([&] { return !chat->permissions().empty(); }, 10000));
+    agent.process.kill();
+    ASSERT_TRUE(waitUntil([&] { return chat->permissions().empty(); }, 10000)) << "an expired request is no longer pending";
+    AgentProcess again(HubProcess::url, agentToken, home, QStringLiteral(ZUV_FAKES));
+    ASSERT_TRUE(again.said("hub connected"));
+    EXPECT_EQ(settled(*id).lastReply, "The computer's agent restarted and lost this turn.");
+
+    // Removed, it is gone with its transcript.
+    ASSERT_TRUE(await(chat->removeSession(*id)));
+    EXPECT_FALSE(session(*id));
+    call("GET", "/app/cc/session?id=" + *id, {}, phone, &status);
+    EXPECT_EQ(status, 404);
 }
