@@ -227,6 +227,11 @@ int main(int argc, char **argv)
     hooks.stayAwake = [&stayAwake](const QJsonObject &payload) { stayAwake.handleLine(payload); };
     hooks.permissionsLooked = [&stayAwake] { stayAwake.refresh(); };
     hooks.clipboardAsk = [&clipboardRemote](const QString &line) { clipboardRemote.handle(line); };
+    // The agent put what another device sent on the clipboard (or in Downloads): say so.
+    hooks.clipboardReceived = [&notifier, &clipboard](const QJsonObject &info) {
+        notifier.clipboard(info.value(QStringLiteral("from")).toString(), info.value(QStringLiteral("kind")).toString(),
+                           info.value(QStringLiteral("count")).toInt(), clipboard.receivedText());
+    };
     model.setHooks(hooks);
 
     AppShortcuts appShortcuts(defaults, hotKeys, workspace, [&clipboard] {

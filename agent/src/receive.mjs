@@ -1,6 +1,7 @@
 // What another device of the account sends to this computer's clipboard: a text
 // or a picture goes onto the clipboard through the app (which owns the X11
-// selection), files are saved in the Downloads folder. The app hears of it from
+// selection), files are saved in the Downloads folder and put on the clipboard
+// as a file list. The app hears of it from
 // the line "clipboard-received {…}" and tells the person.
 import { randomUUID } from 'node:crypto';
 import { createWriteStream, existsSync, mkdirSync, readFileSync, renameSync, rmSync, writeFileSync } from 'node:fs';
@@ -98,10 +99,17 @@ export class Receive {
         } finally {
           rmSync(folder, { recursive: true, force: true });
         }
-        info = { from, kind: 'picture' };
+        info = { from, kind: 'image' };
       } else if (files.length > 0 && files.length <= MOST_FILES) {
         mkdirSync(this.downloads, { recursive: true });
-        for (const file of files) await this.download(file.key, freeName(this.downloads, safeName(file.name)));
+        const saved = [];
+        for (const file of files) {
+          const where = freeName(this.downloads, safeName(file.name));
+          await this.download(file.key, where);
+          saved.push(where);
+        }
+        // Saved is what counts; on the clipboard too, so that a paste in the file manager copies them.
+        await this.ask({ op: 'put', files: saved }).catch(() => {});
         info = { from, kind: 'files', count: files.length };
       } else {
         throw new Refusal(files.length > MOST_FILES ? 'Up to 50 files at a time.' : 'Nothing was sent.');

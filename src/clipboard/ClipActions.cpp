@@ -17,6 +17,7 @@
 #include <QPointer>
 #include <QRandomGenerator>
 #include <QTextDocumentFragment>
+#include <QUrl>
 #include <QtConcurrent/QtConcurrentRun>
 #include <QCoro/QCoroFuture>
 
@@ -394,10 +395,34 @@ bool ClipboardHistory::putReceived(const QString &file, bool image)
             return false;
         content = ClipContent{ClipRules::plainText, bytes};
     }
+    m_receivedText = image ? std::nullopt : ClipRules::utf8(bytes);
     m_pasteboard.write({{content}});
     noteOwnWrite();
     if (m_store)
         record({content}, ownApp(), m_clock.now());
+    return true;
+}
+
+bool ClipboardHistory::putReceivedFiles(const QStringList &paths)
+{
+    // As a file manager copies: nothing on the first item, each file on its own.
+    std::vector<Pasteboard::Item> items(1);
+    std::vector<ClipContent> rows;
+    for (const QString &path : paths) {
+        const QFileInfo file(path);
+        if (!file.isAbsolute() || !file.isFile())
+            return false;
+        const ClipContent row{ClipRules::fileURL, QUrl::fromLocalFile(file.absoluteFilePath()).toEncoded()};
+        items.push_back({row});
+        rows.push_back(row);
+    }
+    if (rows.empty())
+        return false;
+    m_receivedText.reset();
+    m_pasteboard.write(items);
+    noteOwnWrite();
+    if (m_store)
+        record(rows, ownApp(), m_clock.now());
     return true;
 }
 

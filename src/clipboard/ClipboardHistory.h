@@ -105,6 +105,9 @@ public:
     bool use(const Clip &clip, bool paste, bool plain);
     void copyText(const QString &text);
     bool putReceived(const QString &file, bool image);
+    bool putReceivedFiles(const QStringList &paths);
+    // The text last put on the clipboard from another device, while it is the latest put.
+    std::optional<QString> receivedText() const { return m_receivedText; }
     void togglePin(qint64 id);
     void remove(const std::vector<qint64> &ids);
     void clear(bool all);
@@ -173,6 +176,7 @@ private:
     Job m_capture;      // the read of the latest change
     Job m_deferred;     // a check put off by the storm limit
     std::deque<double> m_captureTimes;
+    std::optional<QString> m_receivedText;
 };
 
 } // namespace zuv

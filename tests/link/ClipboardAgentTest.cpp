@@ -186,11 +186,15 @@ TEST_F(ClipboardAgentTest, whatAnotherDeviceSendsLandsOnTheClipboardOrInDownload
     EXPECT_EQ(test::readText(home.file("Fetched/notes.txt")), "older");
     EXPECT_EQ(test::readText(home.file("Fetched/notes (2).txt")), "notes");
     EXPECT_EQ(test::readText(home.file("Fetched/b.txt")), "notes");
+    ASSERT_EQ(pasteboard.written.back().size(), 3u) << "an empty first item, then one per file";
+    EXPECT_EQ(pasteboard.written.back()[1][0].type, "text/uri-list");
+    EXPECT_EQ(pasteboard.written.back()[2][0].data, QUrl::fromLocalFile(home.file("Fetched/b.txt")).toEncoded());
     ASSERT_TRUE(test::waitUntil([&] { return received.size() == 3; }));
     EXPECT_EQ(received[2].value("kind"), "files");
     EXPECT_EQ(received[2].value("count"), 2);
 
     // Failures answer the hub in plain words and change nothing here.
+    EXPECT_EQ(received[1].value("kind"), "image");
     const size_t writes = pasteboard.written.size();
     EXPECT_EQ(send("s4", {{"files", QJsonArray{QJsonObject{{"key", "missing"}, {"name", "x.png"}}}}, {"image", true}})
                   .value("error"), "The file could not be fetched from the hub.");

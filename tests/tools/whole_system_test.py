@@ -1,9 +1,12 @@
 #!/usr/bin/python3
 """The whole system on this machine: zuv-hub, the real Zuv (with its agent and
 screen helper) on the X display, and the phone page in headless chromium. The
-page pairs, a message sent from the desktop's composer is answered on the page, a
-tool request is approved from the desktop's notification and resolved on the
-page, and a clip copied on the desktop is listed on the page."""
+page pairs; a message sent from the desktop's composer is answered by the
+computer's Claude Code (a fake one on its PATH) and read on the page; a tool
+request is approved from the desktop's notification and resolved on the page; a
+clip copied on the desktop is listed on the page; a session started on the page
+asks before its tool and runs once allowed; a text sent from the page lands on
+the desktop's clipboard with a notification."""
 import json
 import os
 import re
@@ -22,7 +25,7 @@ from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support import expected_conditions as when
 from selenium.webdriver.support.ui import WebDriverWait
 
-ZUV, HUB = sys.argv.pop(1), sys.argv.pop(1)
+ZUV, HUB, FAKES = sys.argv.pop(1), sys.argv.pop(1), sys.argv.pop(1)
 
 
 def wait_for(condition, seconds=30, what="the condition"):
@@ -65,7 +68,13 @@ class WholeSystem(unittest.TestCase):
         os.chmod(os.path.join(self.home, "run"), 0o700)
         with open(os.path.join(self.home, "config/Zuv/defaults.json"), "w") as f:
             json.dump({"server": self.hub, "clip-enabled": True}, f)
-        self.app_env = dict(os.environ, DBUS_SESSION_BUS_ADDRESS=self.address, QT_QPA_PLATFORM="xcb",
+        # The fake Claude Code where the agent's PATH looks first, and a project for it.
+        os.makedirs(os.path.join(self.home, ".local/bin"))
+        shutil.copy(os.path.join(FAKES, "claude"), os.path.join(self.home, ".local/bin/claude"))
+        self.project = os.path.join(self.home, "proj")
+        os.makedirs(self.project)
+        subprocess.run(["git", "init", "-q", self.project], check=True)
+        self.app_env = dict(os.environ, HOME=self.home, DBUS_SESSION_BUS_ADDRESS=self.address, QT_QPA_PLATFORM="xcb",
                             XDG_CONFIG_HOME=os.path.join(self.home, "config"), XDG_DATA_HOME=os.path.join(self.home, "data"),
                             XDG_STATE_HOME=os.path.join(self.home, "state"), XDG_RUNTIME_DIR=os.path.join(self.home, "run"),
                             ZUV_PROFILE_SECRETS="file", ASAN_OPTIONS="detect_leaks=0")
@@ -128,7 +137,7 @@ class WholeSystem(unittest.TestCase):
                 return False
         wait_for(opened, what="the conversation in the list")
         self.text_appears("#messages li.user", "Hello from the desktop")
-        self.text_appears("#messages li.assistant", "Here is what I would do")
+        self.text_appears("#messages li.assistant", "Done: Hello from the desktop")
 
         # A tool request, approved with the desktop notification's Allow, resolved on the page.
         box = self.browser.find_element(By.ID, "text")
@@ -155,6 +164,29 @@ class WholeSystem(unittest.TestCase):
             time.sleep(0.6)
             return "copied on the desktop" in self.browser.find_element(By.ID, "clips").text
         wait_for(listed, what="the clip on the page")
+
+        # A session in a folder of the computer, started on the page: its tool
+        # request waits for Allow, then the tool runs in that folder.
+        self.browser.find_element(By.CSS_SELECTOR, "nav#tabs [data-tab='sessions']").click()
+        self.browser.find_element(By.ID, "session-cwd").send_keys(self.project)
+        self.browser.find_element(By.ID, "session-prompt").send_keys("run: make test")
+        self.browser.find_element(By.CSS_SELECTOR, "#session-new button").click()
+        allow = self.wait.until(when.element_to_be_clickable((By.XPATH, "//div[@class='request']//button[text()='Allow']")))
+        self.assertIn("make test", self.browser.find_element(By.CSS_SELECTOR, ".request code").text)
+        allow.click()
+        self.text_appears("#items li.tool", "Bash: make test")
+        self.text_appears("#session-meta", "Waiting for you")
+        self.text_appears("#items li.assistant", "Ran make test")
+
+        # A text sent from the page lands on the desktop's clipboard, and the desktop says so.
+        self.browser.find_element(By.CSS_SELECTOR, "nav#tabs [data-tab='clipboard']").click()
+        self.browser.find_element(By.ID, "clip-text").send_keys("sent from the phone")
+        self.browser.find_element(By.ID, "clip-send").click()
+        self.text_appears("#clip-sent", "Text sent to")
+        wait_for(lambda: subprocess.run(["xclip", "-o", "-selection", "clipboard"], capture_output=True,
+                                        timeout=10).stdout == b"sent from the phone", what="the text on the clipboard")
+        wait_for(lambda: any("Clipboard from Phone" in str(c[2][3]) for c in self.notify_calls()),
+                 what="the desktop's notification")
 
 
 if __name__ == "__main__":

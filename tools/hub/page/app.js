@@ -1,9 +1,10 @@
 // The phone page: pairs with the code the computer shows, then does what the
-// phone app does here: chats, and answers tool requests. Plain DOM, no build step;
+// phone app does here: chats, agent sessions on the computer and their tool
+// requests, the computer's clipboard and staying awake. Plain DOM, no build step;
 // every text from the hub goes in as text, never as markup.
 'use strict';
 
-const state = { token: localStorage.getItem('zuv-phone-token'), conversation: null, socket: null, retry: 1000 };
+const state = { token: localStorage.getItem('zuv-phone-token'), conversation: null, session: null, tab: 'list', socket: null, retry: 1000 };
 const $ = (id) => document.getElementById(id);
 
 async function api(method, path, body) {
@@ -134,8 +135,8 @@ async function open(id, title) {
 }
 
 $('back').addEventListener('click', () => {
-  tab('list');
-  loadConversations().catch(show);
+  tab(state.tab);
+  if (state.tab === 'list') loadConversations().catch(show);
 });
 
 $('new-chat').addEventListener('click', () => {
@@ -195,17 +196,126 @@ function showRequest(request) {
 // --- Tabs
 function tab(name) {
   for (const button of document.querySelectorAll('nav#tabs .tab')) button.classList.toggle('current', button.dataset.tab === name);
+  state.tab = name;
   $('list').hidden = name !== 'list';
   $('chat').hidden = true;
+  $('session').hidden = true;
   $('back').hidden = true;
+  $('sessions').hidden = name !== 'sessions';
   $('clipboard').hidden = name !== 'clipboard';
   $('computer').hidden = name !== 'computer';
-  $('title').textContent = { list: 'Chats', clipboard: 'Clipboard', computer: 'Computer' }[name];
+  $('title').textContent = { list: 'Chats', sessions: 'Sessions', clipboard: 'Clipboard', computer: 'Computer' }[name];
   state.conversation = null;
+  state.session = null;
+  if (name === 'sessions') { loadSessions().catch(show); loadProjects(); }
   if (name === 'clipboard') loadClips().catch(show);
   if (name === 'computer') api('GET', '/app/power').then((reply) => showAwake(reply.session)).catch(show);
 }
 for (const button of document.querySelectorAll('nav#tabs .tab')) button.addEventListener('click', () => tab(button.dataset.tab));
+
+// --- Agent sessions on the computer
+const STATUS = { running: 'Working…', busy: 'Working…', failed: 'Failed', idle: 'Waiting for you' };
+const working = (session) => session.status === 'running' || session.status === 'busy';
+
+async function loadSessions() {
+  const { sessions } = await api('GET', '/app/cc/sessions');
+  const list = $('session-list');
+  list.replaceChildren();
+  for (const session of sessions) {
+    const item = document.createElement('li');
+    item.dataset.id = session.id;
+    const title = document.createElement('div');
+    title.className = 'title';
+    title.textContent = session.title || session.project;
+    const meta = document.createElement('div');
+    meta.className = 'preview';
+    meta.textContent = [session.project, session.deviceName, STATUS[session.status] || session.status].filter(Boolean).join(' · ');
+    const reply = document.createElement('div');
+    reply.className = 'preview';
+    reply.textContent = session.lastReply || '';
+    item.append(title, meta, reply);
+    item.addEventListener('click', () => openSession(session.id));
+    list.append(item);
+  }
+}
+
+async function loadProjects() {
+  try {
+    const { result } = await api('GET', '/app/cc/projects');
+    $('projects').replaceChildren(...(result || []).map((project) => {
+      const option = document.createElement('option');
+      option.value = project.cwd;
+      option.label = project.name;
+      return option;
+    }));
+  } catch { /* the computer is offline: the folder is typed */ }
+}
+
+async function openSession(id) {
+  state.session = id;
+  $('sessions').hidden = true;
+  $('session').hidden = false;
+  $('back').hidden = false;
+  $('items').replaceChildren();
+  $('session-working').hidden = true;
+  await refreshSession().catch(show);
+}
+
+async function refreshSession() {
+  const id = state.session;
+  if (!id) return;
+  const { result } = await api('GET', `/app/cc/session?id=${encodeURIComponent(id)}`);
+  if (state.session !== id) return;
+  const session = result.session || {};
+  $('title').textContent = session.title || session.project || 'Session';
+  $('session-meta').textContent = [session.cwd, session.deviceName, STATUS[session.status] || session.status].filter(Boolean).join(' · ');
+  $('items').replaceChildren();
+  for (const entry of result.items || []) {
+    const item = document.createElement('li');
+    item.className = entry.role === 'user' ? 'user' : entry.role === 'tool' ? 'tool' : 'assistant';
+    if (item.className === 'assistant') markdown(entry.text, item);
+    else item.textContent = entry.text;
+    $('items').append(item);
+  }
+  $('session-stop').hidden = !working(session);
+  if (!working(session)) $('session-working').hidden = true;
+  const last = $('items').lastElementChild;
+  if (last) last.scrollIntoView({ block: 'end' });
+}
+
+$('session-new').addEventListener('submit', async (event) => {
+  event.preventDefault();
+  const cwd = $('session-cwd').value.trim();
+  const prompt = $('session-prompt').value.trim();
+  if (!cwd || !prompt) return;
+  try {
+    const { result } = await api('POST', '/app/cc/new', { cwd, prompt, agent: 'claude', model: '', effort: '' });
+    $('session-prompt').value = '';
+    await openSession(result.id);
+  } catch (error) { show(error); }
+});
+
+$('session-reply').addEventListener('submit', async (event) => {
+  event.preventDefault();
+  const text = $('session-text').value.trim();
+  if (!text || !state.session) return;
+  $('session-text').value = '';
+  try {
+    await api('POST', '/app/cc/reply', { id: state.session, text });
+    await refreshSession();
+  } catch (error) {
+    $('session-text').value = text; // nothing lost
+    show(error);
+  }
+});
+$('session-stop').addEventListener('click', () => api('POST', '/app/cc/stop', { id: state.session }).catch(show));
+$('session-remove').addEventListener('click', async () => {
+  if (!state.session || !window.confirm('Remove this session and its transcript?')) return;
+  try {
+    await api('POST', '/app/cc/remove', { id: state.session });
+    tab('sessions');
+  } catch (error) { show(error); }
+});
 
 // --- The computer's clipboard, through its agent
 async function clipboard(request) {
@@ -265,8 +375,61 @@ $('clip-search').addEventListener('input', () => {
   searchTimer = setTimeout(() => loadClips().catch(show), 300);
 });
 
+// Sending to the computer: a text goes in the request, files are uploaded first.
+async function sendToComputer(body) {
+  const { macs } = await api('GET', '/app/me');
+  const mac = (macs || []).find((m) => m.online) || (macs || [])[0];
+  if (!mac) throw new Error('No computer is paired with this account.');
+  $('clip-sent').textContent = `Sending to ${mac.name}…`;
+  try {
+    await api('POST', '/app/mac/clipboard', { device: mac.id, from: 'Phone', ...body });
+  } catch (error) {
+    $('clip-sent').textContent = '';
+    throw error;
+  }
+  return mac;
+}
+
 $('clip-add').addEventListener('submit', async (event) => {
   event.preventDefault();
+  const text = $('clip-text').value;
+  if (!text.trim()) return;
+  try {
+    const mac = await sendToComputer({ text });
+    $('clip-text').value = '';
+    $('clip-sent').textContent = `Text sent to ${mac.name}`;
+    await loadClips();
+  } catch (error) { show(error); }
+});
+
+$('clip-files').addEventListener('change', async () => {
+  const chosen = [...$('clip-files').files];
+  $('clip-files').value = '';
+  if (chosen.length === 0) return;
+  try {
+    if (chosen.length > 50) throw new Error('Up to 50 files at a time.');
+    const files = [];
+    for (const file of chosen) {
+      if (file.size > 100 * 1024 * 1024) throw new Error(`“${file.name}” is larger than 100 MB.`);
+      $('clip-sent').textContent = `Uploading ${file.name}…`;
+      const response = await fetch(`/app/media?name=${encodeURIComponent(file.name)}`, {
+        method: 'PUT', headers: { authorization: `Bearer ${state.token}`, 'content-type': file.type || 'application/octet-stream' }, body: file,
+      });
+      const record = await response.json().catch(() => ({}));
+      if (!response.ok) throw new Error((record.error && record.error.message) || `The upload failed (${response.status}).`);
+      files.push({ key: record.key, name: record.name, mime: record.mime });
+    }
+    const image = chosen.length === 1 && chosen[0].type.startsWith('image/');
+    const mac = await sendToComputer({ files, image });
+    $('clip-sent').textContent = image ? `Picture sent to ${mac.name}` : `${files.length === 1 ? files[0].name : `${files.length} files`} sent to ${mac.name}`;
+    if (image) await loadClips();
+  } catch (error) {
+    $('clip-sent').textContent = '';
+    show(error);
+  }
+});
+
+$('clip-keep').addEventListener('click', async () => {
   const text = $('clip-text').value;
   if (!text.trim()) return;
   const bytes = new TextEncoder().encode(text);
@@ -313,9 +476,19 @@ function connect() {
         addMessage(frame.entry);
         if (frame.entry.role !== 'user') $('working').hidden = true;
       } else loadConversations().catch(show);
+    } else if (frame.kind === 'step' && frame.target === 'cc') {
+      if (frame.ref === state.session) {
+        $('session-working').hidden = !frame.step;
+        $('session-working').textContent = frame.step || '';
+      }
     } else if (frame.kind === 'step' && frame.ref === state.conversation) {
       $('working').hidden = !frame.step;
       $('working').textContent = frame.step || '';
+    } else if (frame.kind === 'cc' && frame.event) {
+      if (frame.event.sessionId === state.session) {
+        if (frame.event.type === 'remove') tab('sessions');
+        else refreshSession().catch(show);
+      } else if (state.tab === 'sessions' && !state.session) loadSessions().catch(show);
     } else if (frame.kind === 'awake') {
       showAwake(frame.session);
     } else if (frame.kind === 'perm' && frame.request) {
