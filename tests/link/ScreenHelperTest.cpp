@@ -1,5 +1,6 @@
 // The screen helper as the agent meets it: a Unix socket, one line each way, and a
 // real capture of the X display the tests run on.
+#include "PrivateSystemBus.h"
 #include "Support.h"
 
 #include <gtest/gtest.h>
@@ -11,6 +12,7 @@
 #include <QJsonObject>
 #include <QLocalSocket>
 #include <QProcess>
+#include <QDBusConnectionInterface>
 
 using namespace zuv;
 
@@ -21,11 +23,13 @@ struct ScreenHelper : ::testing::Test {
     QProcess helper;
     QLocalSocket socket;
 
-    void start(bool display = true)
+    void start(bool display = true, const QProcessEnvironment &extra = {})
     {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         if (!display)
             env.remove("DISPLAY");
+        env.remove("WAYLAND_DISPLAY");
+        env.insert(extra);
         env.insert("XDG_STATE_HOME", home.file("state"));
         helper.setProcessEnvironment(env);
         helper.start(QStringLiteral(ZUV_BUILD_TREE) + "/libexec/zuv/zuv-screen", {"--socket", home.file("screen.sock")});
@@ -83,12 +87,97 @@ TEST_F(ScreenHelper, capturesTheXScreenAsAPngAndAnswersEveryLine)
     EXPECT_EQ(helper.state(), QProcess::Running);
 }
 
+TEST_F(ScreenHelper, sharedMemoryAndGetImageGiveTheSamePicture)
+{
+    start();
+    const QJsonObject shared = askJson("capture");
+    ASSERT_TRUE(shared.value("ok").toBool()) << qPrintable(QJsonDocument(shared).toJson());
+    EXPECT_EQ(shared.value("method"), "xshm") << "Xvfb has the MIT-SHM extension";
+    helper.terminate();
+    helper.waitForFinished(5000);
+    socket.abort();
+    QProcessEnvironment noShm;
+    noShm.insert("ZUV_SCREEN_NO_SHM", "1");
+    start(true, noShm);
+    const QJsonObject copied = askJson("capture");
+    ASSERT_TRUE(copied.value("ok").toBool());
+    EXPECT_EQ(copied.value("method"), "getimage");
+    // The screen stands still between the two (the tests' display shows nothing moving).
+    EXPECT_EQ(QImage(shared.value("path").toString()).convertToFormat(QImage::Format_RGB32),
+              QImage(copied.value("path").toString()).convertToFormat(QImage::Format_RGB32));
+}
+
+// Wayland: the desktop's screenshot portal, stood in for by dbusmock on a session
+// bus of the test's own. It answers on the request object it names, as an older
+// portal does, after a moment.
+TEST_F(ScreenHelper, onWaylandTheDesktopsPortalTakesThePicture)
+{
+    QProcess bus;
+    const QString address = test::startPrivateBus(bus, home, "session");
+    ASSERT_FALSE(address.isEmpty());
+    QProcess mock;
+    QProcessEnvironment mockEnv = QProcessEnvironment::systemEnvironment();
+    mockEnv.insert("DBUS_SESSION_BUS_ADDRESS", address);
+    mock.setProcessEnvironment(mockEnv);
+    mock.start("/usr/bin/python3", {"-m", "dbusmock", "org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop",
+                                    "org.freedesktop.portal.Screenshot"});
+    QDBusConnection connection = QDBusConnection::connectToBus(address, "portal-test");
+    ASSERT_TRUE(test::waitUntil([&] { return connection.interface()->isServiceRegistered("org.freedesktop.portal.Desktop").value(); },
+                                15000));
+    const auto answerWith = [&](int response, const QString &file) {
+        QDBusMessage add = QDBusMessage::createMethodCall("org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop",
+                                                          "org.freedesktop.DBus.Mock", "AddMethod");
+        add << "org.freedesktop.portal.Screenshot" << "Screenshot" << "sa{sv}" << "o"
+            << QStringLiteral("from gi.repository import GLib\n"
+                              "path = '/org/freedesktop/portal/desktop/request/mock/' + args[1]['handle_token']\n"
+                              "def respond(path=path, bus=self.connection):\n"
+                              "    m = dbus.lowlevel.SignalMessage(path, 'org.freedesktop.portal.Request', 'Response')\n"
+                              "    m.append(dbus.UInt32(%1), dbus.Dictionary({'uri': 'file://%2'}, signature='sv'), signature='ua{sv}')\n"
+                              "    bus.send_message(m)\n"
+                              "    return False\n"
+                              "GLib.timeout_add(300, respond)\n"
+                              "ret = dbus.ObjectPath(path)\n").arg(response).arg(file);
+        return connection.call(add).type() == QDBusMessage::ReplyMessage;
+    };
+    QImage taken(40, 30, QImage::Format_RGB32);
+    taken.fill(Qt::blue);
+    ASSERT_TRUE(taken.save(home.file("Screenshot.png")));
+    ASSERT_TRUE(answerWith(0, home.file("Screenshot.png")));
+
+    QProcessEnvironment wayland;
+    wayland.insert("WAYLAND_DISPLAY", "wayland-test");
+    wayland.insert("DBUS_SESSION_BUS_ADDRESS", address);
+    start(false, wayland);
+    EXPECT_EQ(askJson("screens").value("display"), "wayland");
+    const QJsonObject shot = askJson("capture");
+    ASSERT_TRUE(shot.value("ok").toBool()) << qPrintable(QJsonDocument(shot).toJson());
+    EXPECT_EQ(shot.value("method"), "portal");
+    EXPECT_EQ(QImage(shot.value("path").toString()), taken);
+    EXPECT_TRUE(shot.value("path").toString().startsWith(home.file("captures/")));
+    EXPECT_FALSE(QFileInfo::exists(home.file("Screenshot.png"))) << "the portal's file was moved, not left in Pictures";
+
+    // Declined on the desktop, and a file that is no picture: said plainly.
+    ASSERT_TRUE(answerWith(1, home.file("none.png")));
+    EXPECT_EQ(askJson("capture").value("error"), "The screenshot was declined on the desktop.");
+    ASSERT_TRUE(answerWith(0, home.file("none.png")));
+    EXPECT_EQ(askJson("capture").value("error"), "The desktop's screenshot could not be read.");
+    EXPECT_EQ(ask("ping"), "pong");
+
+    helper.terminate();
+    helper.waitForFinished(5000);
+    mock.kill();
+    mock.waitForFinished(3000);
+    QDBusConnection::disconnectFromBus("portal-test");
+    bus.kill();
+    bus.waitForFinished(3000);
+}
+
 TEST_F(ScreenHelper, withoutADisplayItSaysWhyAndKeepsAnswering)
 {
     start(false);
     const QJsonObject shot = askJson("capture");
     EXPECT_FALSE(shot.value("ok").toBool());
-    EXPECT_TRUE(shot.value("error").toString().startsWith("There is no X11 display to capture")) << qPrintable(shot.value("error").toString());
+    EXPECT_TRUE(shot.value("error").toString().startsWith("There is no display to capture")) << qPrintable(shot.value("error").toString());
     EXPECT_FALSE(askJson("screens").value("ok").toBool());
     EXPECT_EQ(ask("ping"), "pong");
 }
