@@ -13,6 +13,7 @@ import path from 'node:path';
 import { Clipboard } from './clipboard.mjs';
 import { Power } from './power.mjs';
 import { Receive } from './receive.mjs';
+import { screenshot } from './screen.mjs';
 import { Sessions } from './sessions.mjs';
 import { Turns, onPath } from './turns.mjs';
 
@@ -135,6 +136,12 @@ function connect() {
     }
     if (kind === 'session-changes' || kind === 'session-projects' || kind === 'session-terminal') {
       answerHub(kind, message);
+      return;
+    }
+    if (kind === 'screen') {
+      // A picture of this screen for the phone, through the screen helper.
+      const id = typeof message.id === 'string' && message.id.length <= 64 ? message.id : null;
+      if (id) screenshot(process.env.ZUV_SCREEN_SOCKET || '').then((answer) => toHub({ type: 'screen-reply', id, ...answer }));
       return;
     }
     if (kind === 'clipboard-set') {

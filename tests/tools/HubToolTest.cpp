@@ -16,6 +16,8 @@
 #include <QNetworkReply>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
+#include <QImage>
 #include <QProcess>
 #include <QWebSocket>
 
@@ -291,6 +293,7 @@ struct AgentProcess {
         env.insert("ZUV_AGENT_TOKEN", token);
         env.insert("ZUV_WORK_DIR", home.file("work"));
         env.insert("ZUV_TURN_TIMEOUT_MS", "1500");
+        env.insert("ZUV_SCREEN_SOCKET", home.file("screen/screen.sock"));
         process.setProcessEnvironment(env);
         QObject::connect(&process, &QProcess::readyReadStandardOutput, [this] {
             while (process.canReadLine())
@@ -566,4 +569,38 @@ TEST_F(HubTool, sessionsRunClaudeCodeOnTheComputerAndAskBeforeEachTool)
     EXPECT_FALSE(session(*id));
     call("GET", "/app/cc/session?id=" + *id, {}, phone, &status);
     EXPECT_EQ(status, 404);
+}
+
+TEST_F(HubTool, thePhoneSeesTheScreenThroughTheAgentAndTheScreenHelper)
+{
+    ASSERT_TRUE(HubProcess::url.isValid());
+    const QJsonObject start = call("POST", "/pair/start", R"({"name":"Desk"})");
+    const QString phone = call("POST", "/phone/pair", QJsonDocument(QJsonObject{{"code", start["code"]}}).toJson()).value("token").toString();
+    const QString agentToken = call("POST", "/pair/poll", QJsonDocument(QJsonObject{{"code", start["code"]}, {"secret", start["secret"]}}).toJson())
+                                   .value("token").toString();
+    AgentProcess agent(HubProcess::url, agentToken, home, home.file("tools"));
+    ASSERT_TRUE(agent.said("hub connected"));
+
+    // No helper yet: the phone hears why, and the agent carries on.
+    int status = 0;
+    QJsonObject answer = call("GET", "/app/screen", {}, phone, &status);
+    EXPECT_EQ(status, 502);
+    EXPECT_EQ(answer.value("error").toObject().value("message"), "The screen helper is not running.");
+
+    // The real helper on the tests' X display.
+    QDir().mkpath(home.file("screen"));
+    QProcess helper;
+    helper.start(QStringLiteral(ZUV_BUILD_TREE) + "/libexec/zuv/zuv-screen", {"--socket", home.file("screen/screen.sock")});
+    ASSERT_TRUE(waitUntil([&] { return QFileInfo::exists(home.file("screen/screen.sock")); }, 10000));
+    answer = call("GET", "/app/screen", {}, phone, &status);
+    ASSERT_EQ(status, 200) << qPrintable(QJsonDocument(answer).toJson());
+    const QJsonObject picture = answer.value("result").toObject();
+    const QImage image = QImage::fromData(QByteArray::fromBase64(picture.value("data").toString().toLatin1()), "PNG");
+    ASSERT_FALSE(image.isNull());
+    EXPECT_EQ(image.width(), picture.value("width").toInt());
+    EXPECT_GT(image.width(), 0);
+    EXPECT_TRUE(QDir(home.file("screen/captures")).isEmpty()) << "the agent removed the file it sent";
+    EXPECT_TRUE(agent.process.state() == QProcess::Running);
+    helper.terminate();
+    helper.waitForFinished(5000);
 }

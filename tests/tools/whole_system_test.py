@@ -6,7 +6,7 @@ computer's Claude Code (a fake one on its PATH) and read on the page; a tool
 request is approved from the desktop's notification and resolved on the page; a
 clip copied on the desktop is listed on the page; a session started on the page
 asks before its tool and runs once allowed; a text sent from the page lands on
-the desktop's clipboard with a notification."""
+the desktop's clipboard with a notification; the page shows the desktop's screen."""
 import json
 import os
 import re
@@ -187,6 +187,11 @@ class WholeSystem(unittest.TestCase):
                                         timeout=10).stdout == b"sent from the phone", what="the text on the clipboard")
         wait_for(lambda: any("Clipboard from Phone" in str(c[2][3]) for c in self.notify_calls()),
                  what="the desktop's notification")
+
+        # The desktop's screen, seen on the page through the agent and the screen helper.
+        self.browser.find_element(By.CSS_SELECTOR, "nav#tabs [data-tab='computer']").click()
+        self.browser.find_element(By.ID, "see-screen").click()
+        self.wait.until(lambda b: b.find_element(By.ID, "screen-picture").get_attribute("naturalWidth") not in (None, "0"))
 
 
 if __name__ == "__main__":

@@ -199,7 +199,8 @@ void Hub::answer(const QHttpServerRequest &request, QHttpServerResponder &&respo
             return respond(error(400, why, QStringLiteral("BAD_REQUEST")));
         return relay(clipboard ? QStringLiteral("clipboard") : QStringLiteral("power"), *message, std::move(responder));
     }
-    const bool agentPath = path.startsWith(QLatin1String("/app/cc/")) || path == QLatin1String("/app/mac/clipboard");
+    const bool agentPath = path.startsWith(QLatin1String("/app/cc/")) || path == QLatin1String("/app/mac/clipboard")
+        || path == QLatin1String("/app/screen");
     if (agentPath && (who.kind == Caller::Kind::access || who.kind == Caller::Kind::phone)) {
         if (auto reply = agentWork(method, path, query, body, responder))
             respond(*reply);

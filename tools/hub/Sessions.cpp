@@ -132,6 +132,11 @@ std::optional<Hub::Reply> Hub::agentWork(const QString &method, const QString &p
         relay(QStringLiteral("session-projects"), {}, std::move(responder), device);
         return std::nullopt;
     }
+    if (is("GET", "/app/screen")) {
+        // A picture of the computer's screen, for the phone page.
+        relay(QStringLiteral("screen"), {}, std::move(responder), QString(), 90);
+        return std::nullopt;
+    }
     if (is("POST", "/app/mac/clipboard")) {
         const QString device = string(body, "device");
         const auto computer = idPattern.match(device).hasMatch() ? m_store.get(QStringLiteral("device"), device) : std::nullopt;

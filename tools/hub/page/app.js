@@ -455,6 +455,20 @@ for (const button of document.querySelectorAll('#awake-actions [data-minutes]'))
 }
 $('allow-sleep').addEventListener('click', () => api('POST', '/app/power', { power: 'allowSleep' }).catch(show));
 
+// --- The computer's screen, through its agent and screen helper
+$('see-screen').addEventListener('click', async () => {
+  $('see-screen').disabled = true;
+  $('see-screen').textContent = 'Asking the computer…';
+  try {
+    const { result } = await api('GET', '/app/screen');
+    if (!result || typeof result.data !== 'string' || !/^[A-Za-z0-9+/=]+$/.test(result.data)) throw new Error('The computer sent no picture.');
+    $('screen-picture').src = `data:image/png;base64,${result.data}`;
+    $('screen-picture').hidden = false;
+  } catch (error) { show(error); }
+  $('see-screen').disabled = false;
+  $('see-screen').textContent = 'See the Screen';
+});
+
 // --- The live socket; it comes back after a hub restart.
 function connect() {
   const scheme = location.protocol === 'https:' ? 'wss' : 'ws';
