@@ -15,7 +15,7 @@ import { Power } from './power.mjs';
 import { Receive } from './receive.mjs';
 import { screenshot } from './screen.mjs';
 import { Sessions } from './sessions.mjs';
-import { Turns, onPath } from './turns.mjs';
+import { hello, onPath } from './tools.mjs';
 
 const require = createRequire(import.meta.url);
 
@@ -83,7 +83,7 @@ function connect() {
     attempt = 0;
     say('hub connected');
     // Whether this computer can run turns, and with what; the sessions at work here.
-    toHub({ ...turns.hello(), sessions: sessions.ids() });
+    toHub({ ...hello(), sessions: sessions.ids() });
     heartbeat = setInterval(() => {
       current.ping();
       if (!pongDeadline) {
@@ -112,14 +112,6 @@ function connect() {
     }
     if (kind === 'clipboard') {
       clipboard.ask(message);
-      return;
-    }
-    if (kind === 'turn') {
-      turns.run(message);
-      return;
-    }
-    if (kind === 'turn-cancel') {
-      turns.cancel(message);
       return;
     }
     if (kind === 'session-turn') {
@@ -211,10 +203,8 @@ const clipboard = new Clipboard({
 // The app's power commands: logind's inhibitors, held for as long as asked.
 const power = new Power({ say, statusFile: process.env.ZUV_AWAKE_STATUS || '', toHub });
 
-// Turns of the assistant, when Claude Code or Codex is on the PATH.
-const turns = new Turns({ say, toHub });
-
-// Agent sessions in folders of this computer, and their tool requests.
+// Agent sessions in folders of this computer, and their tool requests; the
+// chat's turns run as sessions too, when Claude Code or Codex is on the PATH.
 const workDir = process.env.ZUV_WORK_DIR || '.';
 mkdirSync(workDir, { recursive: true });
 const sessions = new Sessions({ say, toHub, socketPath: path.join(workDir, 'approve.sock') });
@@ -292,7 +282,6 @@ function stop() {
   stopping = true;
   clipboard.stop();
   power.stop();
-  turns.stop();
   sessions.stop();
   clearTimeout(retryTimer);
   stopHeartbeat();

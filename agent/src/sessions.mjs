@@ -1,21 +1,24 @@
 // Agent sessions: Claude Code (or Codex) working in a folder of this computer,
-// started and continued from the hub. The hub keeps the sessions and their
-// transcripts; here run the tools, one process per turn of a session, resumed by
-// the tool's own session id. Claude Code asks before each tool through approve.mjs,
-// whose questions reach the hub as "permission" messages and wait for the answer.
+// started and continued from the hub; the chat's turns run here as sessions too.
+// The hub keeps the sessions and their transcripts; here run the tools, one
+// process per turn of a session, resumed by the tool's own session id. Claude
+// Code asks before each tool through approve.mjs, whose questions reach the hub as
+// "permission" messages and wait for the answer.
 import { execFile, spawn } from 'node:child_process';
 import { existsSync, readdirSync, rmSync, statSync } from 'node:fs';
 import net from 'node:net';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
-import { end, jsonLines, onPath } from './turns.mjs';
+import { end, jsonLines, onPath } from './tools.mjs';
 
 const APPROVE = fileURLToPath(new URL('./approve.mjs', import.meta.url));
 const ID = /^[A-Za-z0-9_-]{1,64}$/;
 const LONGEST_TEXT = 100000;
 const LONGEST_DIFF = 200 * 1024;
 const MOST_FILES = 300;
-const TURN_MS = Number(process.env.ZUV_SESSION_TIMEOUT_MS) || 60 * 60 * 1000;
+// A session's turn may work for an hour; a chat's turn, which someone waits for, ten minutes.
+const SESSION_MS = Number(process.env.ZUV_SESSION_TIMEOUT_MS) || 60 * 60 * 1000;
+const CHAT_MS = Number(process.env.ZUV_TURN_TIMEOUT_MS) || 10 * 60 * 1000;
 const TERMINALS = ['x-terminal-emulator', 'gnome-terminal', 'konsole', 'xfce4-terminal', 'xterm'];
 
 function text(value, longest) {
@@ -118,7 +121,7 @@ export class Sessions {
     let failed = null;
     let tokenId = resume;
     let usage;
-    const timer = setTimeout(() => { failed = 'The session worked too long and was stopped.'; end(child); }, TURN_MS);
+    const timer = setTimeout(() => { failed = 'The turn took too long and was stopped.'; end(child); }, message.chat === true ? CHAT_MS : SESSION_MS);
     jsonLines(child.stdout, (event) => {
       if (typeof event.session_id === 'string' && /^[\w-]{1,100}$/.test(event.session_id)) tokenId = event.session_id;
       if (typeof event.thread_id === 'string' && /^[\w-]{1,100}$/.test(event.thread_id)) tokenId = event.thread_id;

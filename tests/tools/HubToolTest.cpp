@@ -370,7 +370,7 @@ TEST_F(HubTool, turnsGoToTheComputersClaudeCodeWithStepsAndSurviveHangsAndGarbag
 
     // The agent goes away in the middle of a turn: the hub says so.
     call("POST", "/app/send", R"({"text":"please hang again","conversation":"c4"})", phone);
-    ASSERT_TRUE(agent.said("turn claude started"));
+    ASSERT_TRUE(agent.said("session claude started"));
     agent.process.kill();
     ASSERT_TRUE(waitUntil([&] { return !lastReply("c4").isEmpty(); }, 10000));
     EXPECT_TRUE(lastReply("c4").startsWith("**The computer went offline during the turn.**"));
@@ -531,9 +531,30 @@ TEST_F(HubTool, sessionsRunClaudeCodeOnTheComputerAndAskBeforeEachTool)
     ASSERT_FALSE(projects.empty());
     EXPECT_EQ(projects[0].cwd, project);
 
+    // The chat's turns run as sessions too: they ask before tools, and the
+    // conversation's next turn resumes where the last ended.
+    const auto chatReply = [&](const QString &text) {
+        call("POST", "/app/send", QJsonDocument(QJsonObject{{"text", text}, {"conversation", "cchat"}}).toJson(), phone);
+        waitUntil([&] {
+            const QJsonArray entries = call("GET", "/app/history?conversation=cchat", {}, phone).value("entries").toArray();
+            return entries.last().toObject().value("role") == "assistant" || !chat->permissions().empty();
+        }, 15000);
+        return call("GET", "/app/history?conversation=cchat", {}, phone).value("entries").toArray().last().toObject().value("text").toString();
+    };
+    chatReply("run: whoami");
+    ASSERT_EQ(chat->permissions().size(), 1u);
+    EXPECT_EQ(chat->permissions()[0].project, "Chat");
+    await(chat->answer(chat->permissions()[0].id, true));
+    ASSERT_TRUE(waitUntil([&] {
+        return call("GET", "/app/history?conversation=cchat", {}, phone).value("entries").toArray().last().toObject().value("role") == "assistant";
+    }, 10000));
+    EXPECT_EQ(call("GET", "/app/history?conversation=cchat", {}, phone).value("entries").toArray().last().toObject().value("text"),
+              "Ran whoami in " + home.path());
+    EXPECT_TRUE(chatReply("and now?").startsWith("Done: and now? (resumed fake-"));
+
     // A hanging turn is stopped; a busy session takes no reply; garbage fails the turn.
     ASSERT_TRUE(await(chat->reply("please hang", {}, *id)));
-    ASSERT_TRUE(waitUntil([&] { return agent.lines.join('\n').count("session claude started") == 5; }, 10000));
+    ASSERT_TRUE(waitUntil([&] { return agent.lines.join('\n').count("session claude started") == 7; }, 10000));
     int status = 0;
     call("POST", "/app/cc/reply", QJsonDocument(QJsonObject{{"id", *id}, {"text", "more"}}).toJson(), phone, &status);
     EXPECT_EQ(status, 409);

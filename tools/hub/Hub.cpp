@@ -316,28 +316,6 @@ void Hub::agentMessage(const QString &device, const QString &text)
         sessionMessage(device, type, message);
         return;
     }
-    if (type == QLatin1String("turn-step") || type == QLatin1String("turn-reply")) {
-        const auto found = m_agentTurns.find(string(message, "id"));
-        if (found == m_agentTurns.end() || found->second.device != device)
-            return;
-        const AgentTurn turn = found->second;
-        const bool current = m_turns.count(turn.conversation) && m_turns[turn.conversation] == turn.turn;
-        if (type == QLatin1String("turn-step")) {
-            if (current)
-                broadcast({{QStringLiteral("kind"), QStringLiteral("step")}, {QStringLiteral("target"), QStringLiteral("chat")},
-                           {QStringLiteral("ref"), turn.conversation}, {QStringLiteral("step"), string(message, "step").left(200)}});
-            return;
-        }
-        m_agentTurns.erase(found);
-        if (!current)
-            return; // stopped meanwhile
-        m_turns.erase(turn.conversation);
-        const QString text = message.value(QStringLiteral("text")).isString()
-            ? string(message, "text").left(longestText)
-            : QStringLiteral("**The computer couldn't answer:** ") + string(message, "error").left(500);
-        reply(turn.conversation, text);
-        return;
-    }
     if (!type.endsWith(QLatin1String("-reply")))
         return;
     const auto held = m_relayed.find(message.value(QStringLiteral("id")).toVariant().toString());
@@ -407,8 +385,9 @@ Hub::Reply Hub::route(const QString &method, const QString &path, const QUrlQuer
         } else {
             m_turns.erase(conversation);
             for (const auto &[id, turn] : m_agentTurns)
-                if (turn.conversation == conversation && m_agents.count(turn.device) && m_agents[turn.device])
-                    m_agents[turn.device]->sendTextMessage(QStringLiteral("{\"type\":\"turn-cancel\",\"id\":\"%1\"}").arg(id));
+                if (turn.conversation == conversation)
+                    if (QWebSocket *agent = agentOf(turn.device))
+                        agent->sendTextMessage(QStringLiteral("{\"type\":\"session-stop\",\"id\":\"%1\"}").arg(id));
             broadcast({{QStringLiteral("kind"), QStringLiteral("stopped")}, {QStringLiteral("conversation"), conversation}});
         }
         return {200, {}};
@@ -683,28 +662,6 @@ void Hub::startTurn(const QString &conversation, const QString &text)
     if (sendTurnToAgent(conversation, turn, text))
         return;
     step(conversation, turn, 0, text);
-}
-
-bool Hub::sendTurnToAgent(const QString &conversation, int turn, const QString &text)
-{
-    // The first computer whose agent said it can run turns gets the turn.
-    for (const auto &[device, socket] : m_agents) {
-        const auto hello = m_hello.find(device);
-        if (!socket || socket->state() != QAbstractSocket::ConnectedState || hello == m_hello.end()
-            || !hello->second.value(QStringLiteral("turns")).toBool())
-            continue;
-        const QString id = QStringLiteral("t%1").arg(turn);
-        m_agentTurns[id] = {conversation, turn, device};
-        socket->sendTextMessage(QString::fromUtf8(QJsonDocument(QJsonObject{{QStringLiteral("type"), QStringLiteral("turn")},
-                                                                            {QStringLiteral("id"), id},
-                                                                            {QStringLiteral("conversation"), conversation},
-                                                                            {QStringLiteral("text"), text}})
-                                                      .toJson(QJsonDocument::Compact)));
-        broadcast({{QStringLiteral("kind"), QStringLiteral("step")}, {QStringLiteral("target"), QStringLiteral("chat")},
-                   {QStringLiteral("ref"), conversation}, {QStringLiteral("step"), QStringLiteral("Asking your computer…")}});
-        return true;
-    }
-    return false;
 }
 
 void Hub::agentGone(const QString &device)

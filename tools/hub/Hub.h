@@ -125,7 +125,7 @@ private:
         int turn = 0;
         QString device;
     };
-    std::map<QString, AgentTurn> m_agentTurns; // by the id the agent was given
+    std::map<QString, AgentTurn> m_agentTurns; // by the session that runs it
     bool sendTurnToAgent(const QString &conversation, int turn, const QString &text);
     void agentGone(const QString &device);
 };

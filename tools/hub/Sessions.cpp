@@ -228,6 +228,53 @@ Hub::Reply Hub::newSession(const QJsonObject &body)
     return {200, QJsonObject{{QStringLiteral("result"), QJsonObject{{QStringLiteral("id"), id}}}}};
 }
 
+bool Hub::sendTurnToAgent(const QString &conversation, int turn, const QString &text)
+{
+    // The first computer whose agent said it can run turns gets the turn, as a
+    // session of its own: it can ask before its tools, and the conversation's next
+    // turn resumes it.
+    QString device;
+    QString agent;
+    for (const auto &[id, hello] : m_hello)
+        if (agentOf(id) && hello.value(QStringLiteral("turns")).toBool()) {
+            device = id;
+            agent = hello.value(QStringLiteral("agents")).toArray().at(0).toString();
+            break;
+        }
+    if (device.isEmpty())
+        return false;
+    const auto link = m_store.get(QStringLiteral("chat-session"), conversation);
+    auto record = link ? m_store.get(QStringLiteral("session"), string(*link, "session")) : std::nullopt;
+    if (!record || string(*record, "device") != device || string(*record, "status") == QLatin1String("running")) {
+        const QString name = m_store.get(QStringLiteral("device"), device).value_or(QJsonObject()).value(QStringLiteral("name")).toString();
+        record = QJsonObject{{QStringLiteral("id"), newId(QStringLiteral("s"))},
+                             {QStringLiteral("cwd"), QStringLiteral("~")},
+                             {QStringLiteral("project"), QStringLiteral("Chat")},
+                             {QStringLiteral("title"), text.simplified().left(60)},
+                             {QStringLiteral("startedAt"), now()},
+                             {QStringLiteral("agent"), agent == QLatin1String("codex") ? agent : QStringLiteral("claude")},
+                             {QStringLiteral("device"), device},
+                             {QStringLiteral("deviceName"), name}};
+        m_store.put(QStringLiteral("route"), string(*record, "id"), {{QStringLiteral("device"), device}});
+        m_store.put(QStringLiteral("chat-session"), conversation, {{QStringLiteral("session"), record->value(QStringLiteral("id"))}});
+    }
+    const QString id = string(*record, "id");
+    record->insert(QStringLiteral("status"), QStringLiteral("running"));
+    record->insert(QStringLiteral("updatedAt"), now());
+    addItem(id, {{QStringLiteral("role"), QStringLiteral("user")}, {QStringLiteral("text"), text}});
+    saveSession(*record, QStringLiteral("start"));
+    m_agentTurns[id] = {conversation, turn, device};
+    QJsonObject message{{QStringLiteral("type"), QStringLiteral("session-turn")}, {QStringLiteral("id"), id},
+                        {QStringLiteral("cwd"), QStringLiteral("~")}, {QStringLiteral("text"), text},
+                        {QStringLiteral("agent"), record->value(QStringLiteral("agent"))}, {QStringLiteral("chat"), true}};
+    if (const auto route = m_store.get(QStringLiteral("route"), id); route && route->contains(QStringLiteral("resume")))
+        message.insert(QStringLiteral("resume"), route->value(QStringLiteral("resume")));
+    agentOf(device)->sendTextMessage(compact(message));
+    broadcast({{QStringLiteral("kind"), QStringLiteral("step")}, {QStringLiteral("target"), QStringLiteral("chat")},
+               {QStringLiteral("ref"), conversation}, {QStringLiteral("step"), QStringLiteral("Asking your computer…")}});
+    return true;
+}
+
 Hub::Reply Hub::sessionReply(const QJsonObject &body)
 {
     const QString id = string(body, "id");
@@ -310,9 +357,21 @@ void Hub::sessionMessage(const QString &device, const QString &type, const QJson
     auto record = idPattern.match(id).hasMatch() ? m_store.get(QStringLiteral("session"), id) : std::nullopt;
     if (!record || string(*record, "device") != device)
         return; // not this computer's, or removed meanwhile
+    // The chat's turn this session runs, while it is the conversation's current one.
+    const auto chatTurn = [&]() -> std::optional<AgentTurn> {
+        const auto found = m_agentTurns.find(id);
+        if (found == m_agentTurns.end() || !m_turns.count(found->second.conversation)
+            || m_turns[found->second.conversation] != found->second.turn)
+            return std::nullopt;
+        return found->second;
+    };
     if (type == QLatin1String("session-step")) {
+        const QString step = string(message, "step").left(200);
         broadcast({{QStringLiteral("kind"), QStringLiteral("step")}, {QStringLiteral("target"), QStringLiteral("cc")},
-                   {QStringLiteral("ref"), id}, {QStringLiteral("step"), string(message, "step").left(200)}});
+                   {QStringLiteral("ref"), id}, {QStringLiteral("step"), step}});
+        if (const auto turn = chatTurn())
+            broadcast({{QStringLiteral("kind"), QStringLiteral("step")}, {QStringLiteral("target"), QStringLiteral("chat")},
+                       {QStringLiteral("ref"), turn->conversation}, {QStringLiteral("step"), step}});
         return;
     }
     if (type == QLatin1String("session-item")) {
@@ -386,6 +445,16 @@ void Hub::sessionMessage(const QString &device, const QString &type, const QJson
                    {QStringLiteral("ref"), id}}); // the working line ends
     }
     saveSession(*record, status == QLatin1String("running") ? QStringLiteral("start") : QStringLiteral("stop"));
+    if (status == QLatin1String("running"))
+        return;
+    // A chat's turn ends with the session's answer in the conversation.
+    const auto turn = chatTurn();
+    m_agentTurns.erase(id);
+    if (!turn)
+        return; // stopped, or overtaken meanwhile
+    m_turns.erase(turn->conversation);
+    const QString last = string(*record, "lastReply");
+    reply(turn->conversation, status == QLatin1String("idle") ? last : QStringLiteral("**The computer couldn't answer:** ") + last.left(500));
 }
 
 void Hub::sessionsAtHello(const QString &device, const QJsonArray &running)
