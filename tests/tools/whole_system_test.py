@@ -177,6 +177,8 @@ class WholeSystem(unittest.TestCase):
         self.text_appears("#items li.tool", "Bash: make test")
         self.text_appears("#session-meta", "Waiting for you")
         self.text_appears("#items li.assistant", "Ran make test")
+        if os.environ.get("ZUV_SESSION_SCREENSHOT"):  # the README's picture
+            self.browser.save_screenshot(os.environ["ZUV_SESSION_SCREENSHOT"])
 
         # A text sent from the page lands on the desktop's clipboard, and the desktop says so.
         self.browser.find_element(By.CSS_SELECTOR, "nav#tabs [data-tab='clipboard']").click()
