@@ -18,6 +18,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QImage>
+#include <QLocalServer>
 #include <QProcess>
 #include <QWebSocket>
 
@@ -531,6 +532,15 @@ TEST_F(HubTool, sessionsRunClaudeCodeOnTheComputerAndAskBeforeEachTool)
     ASSERT_FALSE(projects.empty());
     EXPECT_EQ(projects[0].cwd, project);
 
+    // Codex too, resumed by its thread.
+    const auto codex = await(chat->newSession(project, "tidy up", "codex", "", "", std::nullopt));
+    ASSERT_TRUE(codex);
+    EXPECT_EQ(settled(*codex).lastReply, "Codex did: tidy up");
+    ASSERT_TRUE(await(chat->reply("more", {}, *codex)));
+    EXPECT_TRUE(settled(*codex).lastReply->startsWith("Codex did: more (resumed thread-"));
+    EXPECT_TRUE(session(*codex)->resumeCommand->contains("codex resume thread-"));
+    await(chat->removeSession(*codex));
+
     // The chat's turns run as sessions too: they ask before tools, and the
     // conversation's next turn resumes where the last ended.
     const auto chatReply = [&](const QString &text) {
@@ -624,4 +634,18 @@ TEST_F(HubTool, thePhoneSeesTheScreenThroughTheAgentAndTheScreenHelper)
     EXPECT_TRUE(agent.process.state() == QProcess::Running);
     helper.terminate();
     helper.waitForFinished(5000);
+
+    // A helper that never answers, and the agent going away meanwhile: the phone
+    // hears at once that the computer went offline.
+    QLocalServer silent;
+    QLocalServer::removeServer(home.file("screen/screen.sock"));
+    ASSERT_TRUE(silent.listen(home.file("screen/screen.sock")));
+    QNetworkRequest request(QUrl(HubProcess::url.toString() + "/app/screen"));
+    request.setRawHeader("authorization", "Bearer " + phone.toUtf8());
+    QNetworkReply *pending = network.get(request);
+    ASSERT_TRUE(waitUntil([&] { return silent.hasPendingConnections(); }, 10000)) << "the agent asked the helper";
+    agent.process.kill();
+    ASSERT_TRUE(waitUntil([&] { return pending->isFinished(); }, 10000));
+    EXPECT_EQ(pending->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), 503);
+    pending->deleteLater();
 }

@@ -257,19 +257,23 @@ std::optional<QJsonObject> Hub::powerRequest(const QJsonObject &body, QString *w
     return std::nullopt;
 }
 
-QWebSocket *Hub::agentOf(const QString &device) const
+QWebSocket *Hub::agentOf(const QString &device, QString *found) const
 {
     // One account, most often one computer: without a device, the first one online.
     for (const auto &[id, socket] : m_agents)
-        if (socket && socket->state() == QAbstractSocket::ConnectedState && (device.isEmpty() || id == device))
+        if (socket && socket->state() == QAbstractSocket::ConnectedState && (device.isEmpty() || id == device)) {
+            if (found)
+                *found = id;
             return socket.get();
+        }
     return nullptr;
 }
 
 void Hub::relay(const QString &type, QJsonObject message, QHttpServerResponder &&responder, const QString &device,
                 int seconds, Done done)
 {
-    QWebSocket *agent = agentOf(device);
+    QString asked;
+    QWebSocket *agent = agentOf(device, &asked);
     if (!agent) {
         const Reply offline = error(503, QStringLiteral("The computer is offline: its agent isn't connected."),
                                     QStringLiteral("COMPUTER_OFFLINE"));
@@ -279,7 +283,7 @@ void Hub::relay(const QString &type, QJsonObject message, QHttpServerResponder &
     const QString id = QStringLiteral("r%1").arg(++m_nextRelay);
     message.insert(QStringLiteral("type"), type);
     message.insert(QStringLiteral("id"), id);
-    m_relayed[id] = {std::make_shared<QHttpServerResponder>(std::move(responder)), std::move(done)};
+    m_relayed[id] = {std::make_shared<QHttpServerResponder>(std::move(responder)), std::move(done), asked};
     agent->sendTextMessage(QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact)));
     QTimer::singleShot(seconds * 1000, this, [this, id] {
         const auto held = m_relayed.find(id);
@@ -668,6 +672,16 @@ void Hub::agentGone(const QString &device)
 {
     m_hello.erase(device);
     sessionsGone(device);
+    // What it was asked will not be answered: say so now rather than at the time-out.
+    for (auto it = m_relayed.begin(); it != m_relayed.end();) {
+        if (it->second.device != device) {
+            ++it;
+            continue;
+        }
+        const Reply gone = error(503, QStringLiteral("The computer went offline before it answered."), QStringLiteral("COMPUTER_OFFLINE"));
+        it->second.responder->write(QJsonDocument(gone.body), QHttpServerResponder::StatusCode(gone.status));
+        it = m_relayed.erase(it);
+    }
     for (auto it = m_agentTurns.begin(); it != m_agentTurns.end();) {
         if (it->second.device != device) {
             ++it;

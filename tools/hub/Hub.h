@@ -62,7 +62,7 @@ private:
     using Done = std::function<void(const QJsonValue &result)>;
     void relay(const QString &type, QJsonObject message, QHttpServerResponder &&responder, const QString &device = {},
                int seconds = 30, Done done = {});
-    QWebSocket *agentOf(const QString &device) const;
+    QWebSocket *agentOf(const QString &device, QString *found = nullptr) const;
 
     // Agent sessions, tool requests and clipboards sent to a computer (Sessions.cpp).
     // Gives no reply when the request went on to an agent, which answers it.
@@ -115,6 +115,7 @@ private:
     struct Relayed {
         std::shared_ptr<QHttpServerResponder> responder;
         Done done;
+        QString device; // whose agent was asked
     };
     std::map<QString, Relayed> m_relayed; // by request id
     int m_nextRelay = 0;
