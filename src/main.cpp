@@ -3,6 +3,8 @@
 #include "app/AppDelegate.h"
 #include "app/Handoff.h"
 #include "app/views/AppShell.h"
+#include "clipboard/ClipboardShare.h"
+#include "clipboard/views/ClipboardShareViews.h"
 #include "awake/StayAwake.h"
 #include "awake/views/StayAwakeViews.h"
 #include "app/WindowOpener.h"
@@ -250,6 +252,18 @@ int main(int argc, char **argv)
         return std::nullopt;
     };
 
+    // Sending this clipboard to another computer of the account: a shortcut, the
+    // tray's entries, a toast for how it went, and the list kept fresh.
+    ClipboardShare share(clock, defaults, api, pasteboard, &hotKeys,
+                         [&model] { return model.pairing().state == AppModel::Pairing::State::paired; });
+    ToastPanel toast;
+    share.toast = [&toast](const QString &text, const QString &symbol, bool sticky) { toast.show(text, symbol, sticky); };
+    share.conflict = [&clipboard](const KeyCombo &combo) -> std::optional<QString> {
+        if (clipboard.combo() && *clipboard.combo() == combo)
+            return QObject::tr("Clipboard History");
+        return clipboard.conflict ? clipboard.conflict(combo) : std::nullopt;
+    };
+
     SourceUpdater updater;
     Updates updates(clock, api, updater, [&model, &chat] { return chat.busy() || model.agentBusy(); },
                     QApplication::arguments(), Build::number());
@@ -263,6 +277,7 @@ int main(int argc, char **argv)
             settingsWindow->setWindowTitle(QObject::tr("Zuv Settings"));
             auto *layout = new QVBoxLayout(settingsWindow.get());
             layout->addWidget(new StayAwakeSection(stayAwake, clock));
+            layout->addWidget(new ClipboardShareSection(share, hotKeys, keys));
             layout->addWidget(new AppShortcutsView(appShortcuts, hotKeys, keys, workspace));
             settingsWindow->resize(560, 480);
         }
@@ -302,7 +317,7 @@ int main(int argc, char **argv)
                     [&clipboardPanel] { clipboardPanel.show(); }, [&updater] { updater.checkForUpdates(); },
                     [] { QDesktopServices::openUrl(QUrl::fromLocalFile(Paths::logs())); }, [] { QApplication::quit(); },
                     [&speaker](const QString &text) { spawn(speaker.speak(text), QStringLiteral("Reading aloud")); },
-                    &stayAwake});
+                    &stayAwake, &share});
     delegate.showSetupWindow = [&shell] { shell.showSetup(); };
     delegate.windowFlags = [&shell](const QStringList &arguments) { shell.runFlags(arguments); };
     clipboard.handoff = [&](const QString &text, const std::vector<OutgoingFile> &files) {
@@ -325,6 +340,7 @@ int main(int argc, char **argv)
     QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate, &AppDelegate::applicationWillTerminate);
 
     delegate.applicationDidFinishLaunching(QApplication::arguments());
+    share.startRefreshing();
     instance.startDelivering(); // what a second launch handed over meanwhile acts now
     const int status = QApplication::exec();
     log(QStringLiteral("Zuv quit"));

@@ -4,9 +4,10 @@
 // its own making: never a payload, a close reason or an error text from the hub.
 // Markers: "hub connected", "hub closed <code>", "claude-code {…}",
 // "clipboard-ask {…}" (a JSON the agent builds from checked values), "stay-awake {…}"
-// (the state of keeping this computer awake, from power.mjs). Commands
-// from the app arrive as JSON lines on stdin; the end of stdin means the app is
-// gone. The clipboard protocol with the hub is written down in agent/README.md.
+// (the state of keeping this computer awake, from power.mjs), "clipboard-received {…}"
+// (another device's clipboard landed here, from receive.mjs). Commands from the app
+// arrive as JSON lines on stdin; the end of stdin means the app is gone. The
+// protocol with the hub is written down in agent/README.md.
 import { createRequire } from 'node:module';
 import { mkdirSync } from 'node:fs';
 import path from 'node:path';

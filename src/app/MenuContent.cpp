@@ -89,6 +89,7 @@ std::vector<MenuContent::Item> MenuContent::items(const State &state)
         if (state.quickAskAvailable)
             out.push_back(action(withCombo(tr("Quick Ask"), state.quickAskCombo), Action::quickAsk));
         out.push_back(action(tr("New Chat"), Action::newChat));
+        out.push_back({{}, Action::sendClipboardMenu, false, {}});
         out.push_back(divider());
         out.push_back({{}, Action::stayAwakeMenu, false, {}});
     }

@@ -27,6 +27,7 @@ struct MenuContent {
         disconnect,
         quit,
         stayAwakeMenu, // where the stay-awake entries go
+        sendClipboardMenu, // where the entries for sending the clipboard go
     };
 
     struct Item {
@@ -34,7 +35,10 @@ struct MenuContent {
         Action action = Action::none;
         bool divider = false;
         QString shortcut; // a QKeySequence in portable text ("Ctrl+Q"), or empty
-        bool enabled() const { return action != Action::none && action != Action::stayAwakeMenu; }
+        bool enabled() const
+        {
+            return action != Action::none && action != Action::stayAwakeMenu && action != Action::sendClipboardMenu;
+        }
         bool operator==(const Item &) const = default;
     };
 

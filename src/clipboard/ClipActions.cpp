@@ -377,11 +377,12 @@ bool ClipboardHistory::putReceived(const QString &file, bool image)
         return false;
     ClipContent content;
     if (image) {
-        const QImage picture = QImage::fromData(bytes);
-        if (picture.isNull())
-            return false;
+        // A PNG goes as it came; anything else is decoded once and made a PNG.
         QByteArray png = bytes;
-        if (!bytes.startsWith("\x89PNG")) {
+        if (!bytes.startsWith("\x89PNG\r\n\x1a\n")) {
+            const QImage picture = QImage::fromData(bytes);
+            if (picture.isNull())
+                return false;
             png.clear();
             QBuffer buffer(&png);
             buffer.open(QIODevice::WriteOnly);

@@ -25,7 +25,10 @@ QStringList titles(const MenuContent::State &state)
 {
     QStringList out;
     for (const auto &item : MenuContent::items(state))
-        out << (item.divider ? QStringLiteral("—") : item.action == A::stayAwakeMenu ? QStringLiteral("⟨awake⟩") : item.title);
+        out << (item.divider                              ? QStringLiteral("—")
+                : item.action == A::stayAwakeMenu       ? QStringLiteral("⟨awake⟩")
+                : item.action == A::sendClipboardMenu   ? QStringLiteral("⟨send⟩")
+                                                         : item.title);
     return out;
 }
 
@@ -81,12 +84,13 @@ TEST(MenuContent, statusLinesErrorsAndItemsFollowTheState)
     EXPECT_EQ(titles(s).mid(0, 2), QStringList({"Connected (Zuv doesn't answer here)", "Set Up Claude Code…"}));
     s.answers = true;
     EXPECT_FALSE(titles(s).contains("Set Up Claude Code…"));
-    EXPECT_EQ(titles(s), QStringList({"Connected: Zuv answers from this computer", "—", "Open Zuv", "New Chat", "—", "⟨awake⟩", "—",
+    EXPECT_EQ(titles(s), QStringList({"Connected: Zuv answers from this computer", "—", "Open Zuv", "New Chat", "⟨send⟩", "—", "⟨awake⟩", "—",
                                       "Settings…", "Open Logs Folder", "Check for Updates…", "Disconnect This Computer…",
                                       "—", "Quit Zuv"}));
     const auto items = MenuContent::items(s);
     EXPECT_FALSE(items[0].enabled());
-    EXPECT_EQ(items[7].shortcut, "Ctrl+,");
+    EXPECT_FALSE(items[4].enabled()) << "the place of the entries for sending the clipboard";
+    EXPECT_EQ(items[8].shortcut, "Ctrl+,");
     EXPECT_EQ(items.back().shortcut, "Ctrl+Q");
 
     MenuContent::State unpaired;

@@ -4,11 +4,14 @@
 #include "clipboard/ClipRules.h"
 #include "clipboard/ClipboardHistory.h"
 #include "clipboard/ClipboardRemote.h"
+#include "clipboard/ClipboardShare.h"
+#include "install/Updates.h"
 #include "link/AppModel.h"
 #include "settings/Models.h"
 #include "settings/SettingsModel.h"
 
 #include "FakePasteboard.h"
+#include "FakeUpdater.h"
 #include "FakeWorkspace.h"
 
 #include "../chat/ChatFixture.h"
@@ -35,6 +38,7 @@ struct HubProcess {
     TempHome data;
     QProcess process;
     QUrl url;
+    QStringList extra; // more of zuv-hub's options, for the next start
 
     HubProcess() { start(); }
     ~HubProcess() { stop(); }
@@ -43,7 +47,8 @@ struct HubProcess {
         process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         // The hub ends with the test, even one that crashed.
         process.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
-        process.start(QStringLiteral(ZUV_HUB), {"--listen", "127.0.0.1:0", "--data", data.file("hub"), "--turn-delay", "0.05"});
+        process.start(QStringLiteral(ZUV_HUB),
+                      QStringList{"--listen", "127.0.0.1:0", "--data", data.file("hub"), "--turn-delay", "0.05"} + extra);
         if (!process.waitForStarted(5000) || !waitUntil([&] { return process.canReadLine(); }, 15000))
             return;
         const QString line = QString::fromUtf8(process.readLine());
@@ -430,9 +435,24 @@ TEST_F(HubTool, theAccountsSchedulesMemoryAndSettingsGoThroughTheSettingsModel)
     await(settings.deleteSchedule(schedule.id));
     EXPECT_TRUE(settings.overview()->schedules.empty());
 
+    // Reports are taken, in their shape only; a minimum build reaches the update rules.
+    int status = 0;
+    call("POST", "/app/diagnostics", R"({"source":"zuv","kind":"crash","summary":"x","build":"1","os":"Debian 12"})", phone, &status);
+    EXPECT_EQ(status, 200);
+    EXPECT_EQ(call("POST", "/app/diagnostics", R"({"source":"zuv"})", phone, &status).value("error").toObject().value("code"),
+              "BAD_REPORT");
+    test::FakeUpdater updater;
+    Updates updates(clock, api, updater, [] { return false; }, {}, QStringLiteral("7"));
+    await(updates.checkMinimum());
+    EXPECT_FALSE(updates.required());
+    HubProcess::stop();
+    extra = {"--min-build", "8", "--listen", "127.0.0.1:" + QString::number(HubProcess::url.port())}; // the app's address
+    HubProcess::start();
+    await(updates.checkMinimum());
+    EXPECT_TRUE(updates.required()) << "build 7 is below the hub's 8";
+
     // Deleting the account signs everyone out.
     EXPECT_TRUE(await(settings.deleteAccount()));
-    int status = 0;
     call("GET", "/app/conversations", {}, phone, &status);
     EXPECT_EQ(status, 401);
     model->stopChildren();
@@ -648,4 +668,72 @@ TEST_F(HubTool, thePhoneSeesTheScreenThroughTheAgentAndTheScreenHelper)
     ASSERT_TRUE(waitUntil([&] { return pending->isFinished(); }, 10000));
     EXPECT_EQ(pending->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), 503);
     pending->deleteLater();
+}
+
+TEST_F(HubTool, aClipboardSentFromThisComputerLandsOnTheOtherComputersAgent)
+{
+    ASSERT_TRUE(HubProcess::url.isValid());
+    // Two computers of one account: this one (the app's own calls), and a laptop
+    // whose real agent runs here with a home of its own.
+    const auto pairComputer = [&](const QString &name) {
+        const QJsonObject start = call("POST", "/pair/start", QJsonDocument(QJsonObject{{"name", name}}).toJson());
+        call("POST", "/phone/pair", QJsonDocument(QJsonObject{{"code", start["code"]}}).toJson());
+        return call("POST", "/pair/poll", QJsonDocument(QJsonObject{{"code", start["code"]}, {"secret", start["secret"]}}).toJson())
+            .value("token").toString();
+    };
+    const QString desk = pairComputer("Desk");
+    const QString laptopToken = pairComputer("Laptop");
+    ASSERT_FALSE(desk.isEmpty());
+    ASSERT_FALSE(laptopToken.isEmpty());
+    keychain.setToken(desk);
+
+    TempHome laptopHome;
+    AgentProcess laptop(HubProcess::url, laptopToken, laptopHome, laptopHome.file("tools"));
+    ASSERT_TRUE(laptop.said("hub connected"));
+    // The laptop's app: what the agent asks to put on its clipboard is answered as done.
+    QStringList put;
+    QObject::connect(&laptop.process, &QProcess::readyReadStandardOutput, [&] {
+        for (const QString &line : laptop.lines)
+            if (const qsizetype at = line.indexOf("clipboard-ask {"); at >= 0) {
+                const QJsonObject ask = QJsonDocument::fromJson(line.mid(at + 14).toUtf8()).object();
+                const QString key = QString::number(ask.value("id").toInt());
+                if (put.contains(key))
+                    continue;
+                put << key << readText(ask.value("path").toString());
+                laptop.process.write(QJsonDocument(QJsonObject{{"clipboard", ask.value("id")}, {"result", QJsonObject{{"ok", true}}}})
+                                         .toJson(QJsonDocument::Compact) + "\n");
+            }
+    });
+
+    test::FakePasteboard pasteboard;
+    ClipboardShare share(clock, defaults, api, pasteboard, nullptr, [] { return true; });
+    QStringList toasts;
+    share.toast = [&](const QString &text, const QString &, bool) { toasts << text; };
+    await(share.refresh());
+    ASSERT_EQ(share.macs().size(), 1u);
+    EXPECT_EQ(share.macs()[0].name, "Laptop");
+    EXPECT_EQ(share.thisName(), "Desk");
+
+    pasteboard.copy({{PasteboardContent{"text/plain;charset=utf-8", "from the desk"}}});
+    await(share.sendToTarget());
+    EXPECT_EQ(toasts.last(), "Text sent to Laptop");
+    EXPECT_TRUE(put.contains("from the desk")) << qPrintable(laptop.lines.join('\n'));
+    EXPECT_TRUE(laptop.lines.join('\n').contains(R"(clipboard-received {"from":"Desk","kind":"text"})"));
+
+    // A file is uploaded, and saved in the laptop's Downloads folder.
+    writeText(home.file("report.txt"), "numbers");
+    pasteboard.copy({{}, {PasteboardContent{"text/uri-list", QUrl::fromLocalFile(home.file("report.txt")).toEncoded()}}});
+    await(share.sendToTarget());
+    EXPECT_EQ(toasts.last(), "report.txt sent to Laptop");
+    EXPECT_EQ(readText(laptopHome.file("Downloads/report.txt")), "numbers");
+
+    // The laptop goes offline: the hub's 409 in the person's words.
+    laptop.process.kill();
+    laptop.process.waitForFinished(5000);
+    pasteboard.copy({{PasteboardContent{"text/plain;charset=utf-8", "again"}}});
+    // The hub notices the closed socket a moment later; until then it may still relay.
+    ASSERT_TRUE(waitUntil([&] {
+        await(share.send(share.macs()[0]));
+        return toasts.last() == "Laptop is offline";
+    }, 10000)) << qPrintable(toasts.last());
 }

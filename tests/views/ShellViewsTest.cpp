@@ -114,9 +114,11 @@ TEST(TrayView, theMenuIsRebuiltFromTheStateAndItsLinesAct)
                                             "The hub refused this computer's token; [off]", "pair it again to go on. [off]",
                                             "Set Up Claude Code…"}));
     EXPECT_TRUE(lines.contains("Disconnect This Computer…"));
-    for (QAction *a : tray.menu()->actions())
-        if (a->text() == "Settings…")
+    for (QAction *a : tray.menu()->actions()) {
+        if (a->text() == "Settings…") {
             EXPECT_EQ(a->shortcut(), QKeySequence("Ctrl+,"));
+        }
+    }
     tray.menu()->actions().at(3)->trigger();
     ASSERT_EQ(acted.size(), 1u);
     EXPECT_EQ(acted[0], MenuContent::Action::setUpClaude);

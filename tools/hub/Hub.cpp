@@ -323,8 +323,8 @@ void Hub::agentMessage(const QString &device, const QString &text)
     if (!type.endsWith(QLatin1String("-reply")))
         return;
     const auto held = m_relayed.find(message.value(QStringLiteral("id")).toVariant().toString());
-    if (held == m_relayed.end())
-        return; // late, or never asked
+    if (held == m_relayed.end() || held->second.device != device)
+        return; // late, never asked, or asked of another computer
     const Relayed relayed = held->second;
     m_relayed.erase(held);
     const bool failed = message.contains(QStringLiteral("error"));
@@ -438,14 +438,18 @@ Hub::Reply Hub::route(const QString &method, const QString &path, const QUrlQuer
     if (is("GET", "/app/me")) {
         const QJsonObject model = m_store.get(QStringLiteral("setting"), QStringLiteral("model")).value_or(QJsonObject());
         QJsonArray macs;
-        for (const QJsonObject &d : m_store.list(QStringLiteral("device")))
+        const auto devices = m_store.list(QStringLiteral("device"));
+        for (const QJsonObject &d : devices)
             macs.append(QJsonObject{{QStringLiteral("id"), d.value(QStringLiteral("id"))},
                                     {QStringLiteral("name"), d.value(QStringLiteral("name"))},
                                     {QStringLiteral("online"), m_agents.count(string(d, "id")) > 0},
+                                    // The first paired is the primary one; no computer is the hub's own.
+                                    {QStringLiteral("primary"), string(d, "id") == string(devices.back(), "id")},
+                                    {QStringLiteral("builtIn"), false},
                                     // Whether its agent offered to run the assistant's turns.
                                     {QStringLiteral("turns"), m_hello.count(string(d, "id"))
                                          && m_hello.at(string(d, "id")).value(QStringLiteral("turns")).toBool()}});
-        return {200, QJsonObject{{QStringLiteral("user"), QJsonObject{{QStringLiteral("id"), QStringLiteral("owner")},
+        QJsonObject me{{QStringLiteral("user"), QJsonObject{{QStringLiteral("id"), QStringLiteral("owner")},
                                                                       {QStringLiteral("name"), QStringLiteral("Owner")}}},
                                  {QStringLiteral("owner"), true},
                                  {QStringLiteral("macs"), macs},
@@ -453,7 +457,10 @@ Hub::Reply Hub::route(const QString &method, const QString &path, const QUrlQuer
                                  {QStringLiteral("effort"), model.value(QStringLiteral("effort"))},
                                  {QStringLiteral("telegram"),
                                   m_store.get(QStringLiteral("setting"), QStringLiteral("telegram"))
-                                      .value_or(QJsonObject{{QStringLiteral("linked"), false}})}}};
+                                      .value_or(QJsonObject{{QStringLiteral("linked"), false}})}};
+        if (!m_options.minimumBuild.isEmpty())
+            me.insert(QStringLiteral("minMacBuild"), m_options.minimumBuild);
+        return {200, me};
     }
     if (is("GET", "/app/overview")) {
         QJsonArray schedules, memory;
@@ -473,8 +480,21 @@ Hub::Reply Hub::route(const QString &method, const QString &path, const QUrlQuer
     }
     if (is("GET", "/app/power"))
         return {200, QJsonObject{{QStringLiteral("session"), m_awake}, {QStringLiteral("online"), !m_agents.empty()}}};
-    if (is("POST", "/app/diagnostics"))
+    if (is("POST", "/app/diagnostics")) {
+        // A crash or problem report, kept as the admin console lists them.
+        for (const char *key : {"source", "kind", "summary", "build", "os"})
+            if (!body.value(QLatin1String(key)).isString())
+                return error(400, QStringLiteral("A report has source, kind, summary, build and os, as strings."), QStringLiteral("BAD_REPORT"));
+        static int reports = 0;
+        const qint64 id = qint64(now()) * 1000 + (++reports % 1000);
+        QJsonObject report{{QStringLiteral("id"), id}, {QStringLiteral("at"), now()}, {QStringLiteral("userId"), QStringLiteral("owner")}};
+        for (const char *key : {"source", "kind", "summary", "build", "os", "device"})
+            if (body.value(QLatin1String(key)).isString())
+                report.insert(QLatin1String(key), string(body, key).left(500));
+        report.insert(QStringLiteral("detail"), string(body, "detail").left(200000));
+        m_store.put(QStringLiteral("report"), QString::number(id), report, QString(), now());
         return {200, {}};
+    }
     if (is("PUT", "/app/media")) {
         const QString name = QFileInfo(query.queryItemValue(QStringLiteral("name"), QUrl::FullyDecoded)).fileName().left(200);
         const QString key = newId(QStringLiteral("m"));

@@ -29,6 +29,7 @@ public:
         QHostAddress address = QHostAddress::LocalHost;
         quint16 port = 8765;    // 0: any free port
         double turnDelay = 0.4; // seconds between the stand-in's steps
+        QString minimumBuild;   // the desktop's lowest build, when the hub demands one
     };
 
     explicit Hub(Options options, QObject *parent = nullptr);

@@ -32,7 +32,10 @@ int main(int argc, char **argv)
                                   QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) + QStringLiteral("/zuv-hub"));
     const QCommandLineOption delay(QStringLiteral("turn-delay"), QStringLiteral("Seconds between the stand-in's steps."),
                                    QStringLiteral("seconds"), QStringLiteral("0.4"));
-    parser.addOptions({listen, data, delay});
+    const QCommandLineOption minimum(QStringLiteral("min-build"),
+                                     QStringLiteral("The lowest desktop build the hub accepts (\"minMacBuild\" of /app/me)."),
+                                     QStringLiteral("build"));
+    parser.addOptions({listen, data, delay, minimum});
     parser.process(app);
 
     const QString where = parser.value(listen);
@@ -49,6 +52,7 @@ int main(int argc, char **argv)
     options.address = address;
     options.port = quint16(port);
     options.turnDelay = std::clamp(parser.value(delay).toDouble(), 0.0, 10.0);
+    options.minimumBuild = parser.value(minimum).trimmed();
     zuv::hub::Hub hub(options);
     const quint16 bound = hub.listen();
     if (!bound) {

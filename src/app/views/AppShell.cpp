@@ -8,6 +8,7 @@
 #include "base/Defaults.h"
 #include "base/Log.h"
 #include "chat/ChatModel.h"
+#include "clipboard/views/ClipboardShareViews.h"
 #include "link/AppModel.h"
 #include "surface/views/MainWindow.h"
 
@@ -35,6 +36,8 @@ AppShell::AppShell(Parts parts, QObject *parent) : QObject(parent), m_parts(std:
     m_tray = std::make_unique<Tray>(m_parts.menuState);
     if (StayAwake *awake = m_parts.stayAwake)
         m_tray->fillStayAwake = [awake, this](QMenu *menu) { StayAwakeMenu::fill(menu, *awake, m_parts.clock); };
+    if (ClipboardShare *share = m_parts.share)
+        m_tray->fillSendClipboard = [share](QMenu *menu) { ClipboardShareMenu::fill(menu, *share); };
     connect(m_tray.get(), &Tray::triggered, this, &AppShell::perform);
     connect(m_tray.get(), &Tray::activated, this, &AppShell::openMain);
     const auto connected = [this] { m_tray->setConnected(m_parts.app.connected()); };
@@ -130,6 +133,7 @@ void AppShell::perform(MenuContent::Action action)
         break;
     case A::quickAsk:
     case A::stayAwakeMenu:
+    case A::sendClipboardMenu:
         break;
     case A::newChat:
         openMain();

@@ -13,6 +13,7 @@ namespace zuv {
 class AppDelegate;
 class AppModel;
 class ChatModel;
+class ClipboardShare;
 class Clock;
 class Defaults;
 class MacAPI;
@@ -44,6 +45,8 @@ public:
         std::function<void(const QString &)> readAloud;
         // The awake session, whose controls join the tray and the guide, where there is one.
         StayAwake *stayAwake = nullptr;
+        // Sending the clipboard to another computer, where there is one.
+        ClipboardShare *share = nullptr;
     };
 
     explicit AppShell(Parts parts, QObject *parent = nullptr);

@@ -95,6 +95,11 @@ void Tray::rebuild()
                 fillStayAwake(m_menu.get());
             continue;
         }
+        if (item.action == MenuContent::Action::sendClipboardMenu) {
+            if (fillSendClipboard)
+                fillSendClipboard(m_menu.get());
+            continue;
+        }
         QAction *act = m_menu->addAction(item.title);
         act->setEnabled(item.enabled());
         if (!item.shortcut.isEmpty())

@@ -30,6 +30,7 @@ public:
     QSystemTrayIcon *icon() const { return m_icon; }
     // Puts the stay-awake entries into the menu, where there are some.
     std::function<void(QMenu *)> fillStayAwake;
+    std::function<void(QMenu *)> fillSendClipboard;
 
     // Fills the menu from the state now (it also happens as it opens).
     void rebuild();
