@@ -223,7 +223,7 @@ const receive = new Receive({
 async function answerHub(kind, message) {
   const id = typeof message.id === 'string' && message.id.length <= 64 ? message.id : null;
   if (!id) return;
-  const cwd = typeof message.cwd === 'string' ? message.cwd : '';
+  const cwd = (typeof message.cwd === 'string' ? message.cwd : '').replace(/^~(?=\/|$)/, process.env.HOME || '~');
   let answer;
   try {
     if (kind === 'session-changes') answer = { result: await sessions.changes(cwd) };

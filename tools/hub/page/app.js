@@ -289,7 +289,8 @@ $('session-new').addEventListener('submit', async (event) => {
   const prompt = $('session-prompt').value.trim();
   if (!cwd || !prompt) return;
   try {
-    const { result } = await api('POST', '/app/cc/new', { cwd, prompt, agent: 'claude', model: '', effort: '' });
+    const agent = $('session-agent').value === 'codex' ? 'codex' : 'claude';
+    const { result } = await api('POST', '/app/cc/new', { cwd, prompt, agent, model: '', effort: '' });
     $('session-prompt').value = '';
     await openSession(result.id);
   } catch (error) { show(error); }
