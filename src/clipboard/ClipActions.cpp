@@ -340,15 +340,26 @@ QCoro::Task<void> ClipboardHistory::askZuv(Clip clip)
         handoff(QString(), {*file});
 }
 
+namespace {
+
+// A file's bytes, or nothing when it cannot be read, is empty or is beyond the clipboard's limit.
+QByteArray smallFile(const QString &path)
+{
+    QFile in(path);
+    if (!in.open(QIODevice::ReadOnly))
+        return {};
+    const QByteArray bytes = in.read(Pasteboard::sizeLimit + 1);
+    return bytes.size() > Pasteboard::sizeLimit ? QByteArray() : bytes;
+}
+
+} // namespace
+
 bool ClipboardHistory::addFromPhone(const QString &file, bool image)
 {
     if (!m_store)
         return false;
-    QFile in(file);
-    if (!in.open(QIODevice::ReadOnly))
-        return false;
-    const QByteArray bytes = in.read(Pasteboard::sizeLimit + 1);
-    if (bytes.isEmpty() || bytes.size() > Pasteboard::sizeLimit)
+    const QByteArray bytes = smallFile(file);
+    if (bytes.isEmpty())
         return false;
     if (image) {
         const QString extension = QFileInfo(file).suffix().toLower();
@@ -369,11 +380,8 @@ bool ClipboardHistory::addFromPhone(const QString &file, bool image)
 // copied here; the history keeps it when it is on.
 bool ClipboardHistory::putReceived(const QString &file, bool image)
 {
-    QFile in(file);
-    if (!in.open(QIODevice::ReadOnly))
-        return false;
-    const QByteArray bytes = in.read(Pasteboard::sizeLimit + 1);
-    if (bytes.isEmpty() || bytes.size() > Pasteboard::sizeLimit)
+    const QByteArray bytes = smallFile(file);
+    if (bytes.isEmpty())
         return false;
     ClipContent content;
     if (image) {

@@ -184,15 +184,6 @@ QCoro::Task<QJsonObject> ClipboardRemote::answer(QString op, QJsonObject message
         co_return result;
     }
     if (op == QLatin1String("add")) {
-        if (message.value(QStringLiteral("files")).isArray()) {
-            // Files saved in Downloads: on the clipboard as a file list.
-            QStringList paths;
-            for (const QJsonValue &v : message.value(QStringLiteral("files")).toArray())
-                paths << v.toString();
-            if (!m_history.putReceivedFiles(paths))
-                throw Error(tr("Nothing to put on the clipboard."));
-            co_return one(QStringLiteral("ok"), true);
-        }
         const QJsonValue path = message.value(QStringLiteral("path"));
         if (!path.isString() || !inOutbox(path.toString()))
             throw Error(tr("Nothing to add."));

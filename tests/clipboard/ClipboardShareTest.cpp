@@ -9,9 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include <QBuffer>
 #include <QDir>
-#include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QProcess>
@@ -113,13 +111,7 @@ TEST_F(ClipboardShareTest, textFilesAndPicturesGoInTheirOwnWayWithinTheLimits)
     EXPECT_EQ(posted.size(), 1u);
 
     // A picture and text: the picture, uploaded, with a sticky toast on the way.
-    QImage picture(4, 4, QImage::Format_RGB32);
-    picture.fill(Qt::green);
-    QByteArray jpeg;
-    QBuffer buffer(&jpeg);
-    buffer.open(QIODevice::WriteOnly);
-    picture.save(&buffer, "JPEG");
-    pasteboard.copy({{PasteboardContent{"image/jpeg", jpeg}, PasteboardContent{"text/plain;charset=utf-8", "caption"}}});
+    pasteboard.copy({{PasteboardContent{"image/jpeg", picture(4, 4, "JPEG")}, PasteboardContent{"text/plain;charset=utf-8", "caption"}}});
     toasts.clear();
     await(share.send(tower));
     ASSERT_EQ(posted.size(), 2u);

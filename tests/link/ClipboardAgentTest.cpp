@@ -132,12 +132,7 @@ TEST_F(ClipboardAgentTest, whatAnotherDeviceSendsLandsOnTheClipboardOrInDownload
     qputenv("XDG_CONFIG_HOME", home.file("config").toUtf8());
     QDir().mkpath(home.file("config"));
     test::writeText(home.file("config/user-dirs.dirs"), "XDG_DOWNLOAD_DIR=\"$HOME/Fetched\"\n");
-    QImage picture(8, 6, QImage::Format_RGB32);
-    picture.fill(Qt::red);
-    QByteArray png;
-    QBuffer buffer(&png);
-    buffer.open(QIODevice::WriteOnly);
-    picture.save(&buffer, "PNG");
+    const QByteArray png = test::picture(8, 6);
     hub.on("GET", "/media/mpng", test::TestHub::Response{200, png, "image/png"});
     hub.on("GET", "/media/mtxt", test::TestHub::Response{200, "notes", "text/plain"});
     std::vector<QJsonObject> received;

@@ -83,6 +83,18 @@ struct HubTool : HubProcess, ChatFixture, ::testing::Test {
         return out;
     }
 
+    // Pairs a computer by hand, as its app would, the phone claiming the code.
+    // Gives the computer's agent token and the phone's token.
+    std::pair<QString, QString> pairByHand(const QString &name)
+    {
+        const QJsonObject start = call("POST", "/pair/start", QJsonDocument(QJsonObject{{"name", name}}).toJson());
+        const QString phone = call("POST", "/phone/pair", QJsonDocument(QJsonObject{{"code", start["code"]}}).toJson())
+                                  .value("token").toString();
+        const QString agent = call("POST", "/pair/poll", QJsonDocument(QJsonObject{{"code", start["code"]}, {"secret", start["secret"]}}).toJson())
+                                  .value("token").toString();
+        return {agent, phone};
+    }
+
     // Pairs the app's model through the hub, the phone claiming the code. Gives the phone's token.
     QString pair(AppModel &model)
     {
@@ -321,11 +333,7 @@ struct AgentProcess {
 TEST_F(HubTool, turnsGoToTheComputersClaudeCodeWithStepsAndSurviveHangsAndGarbage)
 {
     ASSERT_TRUE(HubProcess::url.isValid());
-    // The computer's side of pairing, by hand, and the phone's.
-    const QJsonObject start = call("POST", "/pair/start", R"({"name":"Desk"})");
-    const QString phone = call("POST", "/phone/pair", QJsonDocument(QJsonObject{{"code", start["code"]}}).toJson()).value("token").toString();
-    const QString agentToken = call("POST", "/pair/poll", QJsonDocument(QJsonObject{{"code", start["code"]}, {"secret", start["secret"]}}).toJson())
-                                   .value("token").toString();
+    const auto [agentToken, phone] = pairByHand("Desk");
     ASSERT_FALSE(agentToken.isEmpty());
 
     // A fake Claude Code: garbage, a tool use, text, then the result; what it does
@@ -461,10 +469,7 @@ TEST_F(HubTool, theAccountsSchedulesMemoryAndSettingsGoThroughTheSettingsModel)
 TEST_F(HubTool, sessionsRunClaudeCodeOnTheComputerAndAskBeforeEachTool)
 {
     ASSERT_TRUE(HubProcess::url.isValid());
-    const QJsonObject start = call("POST", "/pair/start", R"({"name":"Desk"})");
-    const QString phone = call("POST", "/phone/pair", QJsonDocument(QJsonObject{{"code", start["code"]}}).toJson()).value("token").toString();
-    const QString agentToken = call("POST", "/pair/poll", QJsonDocument(QJsonObject{{"code", start["code"]}, {"secret", start["secret"]}}).toJson())
-                                   .value("token").toString();
+    const auto [agentToken, phone] = pairByHand("Desk");
     ASSERT_FALSE(agentToken.isEmpty());
     keychain.setToken(agentToken); // the app's own calls, as a paired app makes them
 
@@ -625,10 +630,7 @@ TEST_F(HubTool, sessionsRunClaudeCodeOnTheComputerAndAskBeforeEachTool)
 TEST_F(HubTool, thePhoneSeesTheScreenThroughTheAgentAndTheScreenHelper)
 {
     ASSERT_TRUE(HubProcess::url.isValid());
-    const QJsonObject start = call("POST", "/pair/start", R"({"name":"Desk"})");
-    const QString phone = call("POST", "/phone/pair", QJsonDocument(QJsonObject{{"code", start["code"]}}).toJson()).value("token").toString();
-    const QString agentToken = call("POST", "/pair/poll", QJsonDocument(QJsonObject{{"code", start["code"]}, {"secret", start["secret"]}}).toJson())
-                                   .value("token").toString();
+    const auto [agentToken, phone] = pairByHand("Desk");
     AgentProcess agent(HubProcess::url, agentToken, home, home.file("tools"));
     ASSERT_TRUE(agent.said("hub connected"));
 
@@ -675,14 +677,8 @@ TEST_F(HubTool, aClipboardSentFromThisComputerLandsOnTheOtherComputersAgent)
     ASSERT_TRUE(HubProcess::url.isValid());
     // Two computers of one account: this one (the app's own calls), and a laptop
     // whose real agent runs here with a home of its own.
-    const auto pairComputer = [&](const QString &name) {
-        const QJsonObject start = call("POST", "/pair/start", QJsonDocument(QJsonObject{{"name", name}}).toJson());
-        call("POST", "/phone/pair", QJsonDocument(QJsonObject{{"code", start["code"]}}).toJson());
-        return call("POST", "/pair/poll", QJsonDocument(QJsonObject{{"code", start["code"]}, {"secret", start["secret"]}}).toJson())
-            .value("token").toString();
-    };
-    const QString desk = pairComputer("Desk");
-    const QString laptopToken = pairComputer("Laptop");
+    const QString desk = pairByHand("Desk").first;
+    const QString laptopToken = pairByHand("Laptop").first;
     ASSERT_FALSE(desk.isEmpty());
     ASSERT_FALSE(laptopToken.isEmpty());
     keychain.setToken(desk);
