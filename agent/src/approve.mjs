@@ -2,8 +2,8 @@
 // MCP server on stdio (newline-delimited JSON-RPC) with one tool, "approve". Each
 // call goes to the agent over its Unix socket and waits there for the person's
 // answer from the hub; the answer is given back in the form Claude Code expects.
-import net from 'node:net';
 import { createInterface } from 'node:readline';
+import { askSocket } from './tools.mjs';
 
 const SOCKET = process.env.ZUV_APPROVE_SOCKET || '';
 const SESSION = process.env.ZUV_SESSION || '';
@@ -20,38 +20,13 @@ function decision(allow, input, why) {
 }
 
 // Asks the agent; anything but a clear yes is a no.
-function ask(tool, input) {
-  return new Promise((resolve) => {
-    if (!SOCKET) {
-      resolve({ allow: false, why: 'Zuv could not ask: no agent to ask.' });
-      return;
-    }
-    const connection = net.createConnection(SOCKET);
-    let buffer = '';
-    let done = false;
-    const finish = (answer) => {
-      if (done) return;
-      done = true;
-      connection.destroy();
-      resolve(answer);
-    };
-    connection.setEncoding('utf8');
-    connection.on('connect', () => connection.write(`${JSON.stringify({ session: SESSION, tool, input })}\n`));
-    connection.on('data', (data) => {
-      buffer += data;
-      if (buffer.length > 65536) return finish({ allow: false, why: 'Zuv could not read the answer.' });
-      const at = buffer.indexOf('\n');
-      if (at < 0) return undefined;
-      try {
-        const answer = JSON.parse(buffer.slice(0, at));
-        return finish({ allow: answer.allow === true, why: typeof answer.why === 'string' ? answer.why : '' });
-      } catch {
-        return finish({ allow: false, why: 'Zuv could not read the answer.' });
-      }
-    });
-    connection.on('error', () => finish({ allow: false, why: 'Zuv could not ask: the agent is gone.' }));
-    connection.on('close', () => finish({ allow: false, why: 'The request was withdrawn.' }));
-  });
+async function ask(tool, input) {
+  if (!SOCKET) return { allow: false, why: 'Zuv could not ask: no agent to ask.' };
+  const { answer, failed } = await askSocket(SOCKET, JSON.stringify({ session: SESSION, tool, input }));
+  if (!answer) {
+    return { allow: false, why: failed === 'hung up' ? 'The request was withdrawn.' : 'Zuv could not ask: the agent is gone.' };
+  }
+  return { allow: answer.allow === true, why: typeof answer.why === 'string' ? answer.why : '' };
 }
 
 const input = createInterface({ input: process.stdin });

@@ -2,49 +2,24 @@
 // on its Unix socket, one JSON answer line. A capture comes as a PNG file in the
 // helper's captures folder; it is read, removed and sent on as data.
 import { readFileSync, rmSync } from 'node:fs';
-import net from 'node:net';
 import path from 'node:path';
+import { askSocket } from './tools.mjs';
 
 const LONGEST_ANSWER = 64 * 1024;
 // A portal capture may wait for the person to agree on the desktop.
 const ANSWER_WAIT_MS = Number(process.env.ZUV_SCREEN_WAIT_MS) || 70000;
 
-export function askScreen(socketPath, request) {
-  return new Promise((resolve) => {
-    if (!socketPath) {
-      resolve({ ok: false, error: 'This computer has no screen helper.' });
-      return;
-    }
-    const connection = net.createConnection(socketPath);
-    let buffer = '';
-    let done = false;
-    const finish = (answer) => {
-      if (done) return;
-      done = true;
-      clearTimeout(timer);
-      connection.destroy();
-      resolve(answer);
-    };
-    const timer = setTimeout(() => finish({ ok: false, error: 'The screen helper did not answer in time.' }), ANSWER_WAIT_MS);
-    connection.setEncoding('utf8');
-    connection.on('connect', () => connection.write(`${request}\n`));
-    connection.on('data', (data) => {
-      buffer += data;
-      const at = buffer.indexOf('\n');
-      if (at < 0) {
-        if (buffer.length > LONGEST_ANSWER) finish({ ok: false, error: 'The screen helper answered nonsense.' });
-        return;
-      }
-      try {
-        const answer = JSON.parse(buffer.slice(0, at));
-        finish(answer && typeof answer === 'object' ? answer : { ok: false, error: 'The screen helper answered nonsense.' });
-      } catch {
-        finish({ ok: false, error: 'The screen helper answered nonsense.' });
-      }
-    });
-    connection.on('error', () => finish({ ok: false, error: 'The screen helper is not running.' }));
-    connection.on('close', () => finish({ ok: false, error: 'The screen helper hung up.' }));
-  });
+const FAILURES = {
+  unreachable: 'The screen helper is not running.',
+  late: 'The screen helper did not answer in time.',
+  'hung up': 'The screen helper hung up.',
+  nonsense: 'The screen helper answered nonsense.',
+};
+
+export async function askScreen(socketPath, request) {
+  if (!socketPath) return { ok: false, error: 'This computer has no screen helper.' };
+  const { answer, failed } = await askSocket(socketPath, request, { waitMs: ANSWER_WAIT_MS, longest: LONGEST_ANSWER });
+  return answer || { ok: false, error: FAILURES[failed] };
 }
 
 // A picture of the whole screen, as the hub wants it: {result} or {error}.

@@ -1,6 +1,7 @@
 // What the agent needs to run the coding tools: finding them on the PATH, reading
 // their JSON lines, and ending them with everything they started.
 import { accessSync, constants } from 'node:fs';
+import net from 'node:net';
 import path from 'node:path';
 
 const LONGEST_LINE = 4 * 1024 * 1024;
@@ -54,4 +55,41 @@ export function onPath(command) {
 export function hello() {
   const agents = ['claude', 'codex'].filter(onPath);
   return { type: 'hello', turns: agents.length > 0, agents };
+}
+
+// One request line to a Unix socket, and its one answer line as JSON. Resolves
+// {answer}, or {failed} with why: 'unreachable', 'late', 'hung up' or 'nonsense'.
+export function askSocket(socketPath, line, { waitMs = 0, longest = 64 * 1024 } = {}) {
+  return new Promise((resolve) => {
+    const connection = net.createConnection(socketPath);
+    let buffer = '';
+    let done = false;
+    let timer = null;
+    const finish = (result) => {
+      if (done) return;
+      done = true;
+      clearTimeout(timer);
+      connection.destroy();
+      resolve(result);
+    };
+    if (waitMs > 0) timer = setTimeout(() => finish({ failed: 'late' }), waitMs);
+    connection.setEncoding('utf8');
+    connection.on('connect', () => connection.write(`${line}\n`));
+    connection.on('data', (data) => {
+      buffer += data;
+      const at = buffer.indexOf('\n');
+      if (at < 0) {
+        if (buffer.length > longest) finish({ failed: 'nonsense' });
+        return;
+      }
+      try {
+        const answer = JSON.parse(buffer.slice(0, at));
+        finish(answer && typeof answer === 'object' ? { answer } : { failed: 'nonsense' });
+      } catch {
+        finish({ failed: 'nonsense' });
+      }
+    });
+    connection.on('error', () => finish({ failed: 'unreachable' }));
+    connection.on('close', () => finish({ failed: 'hung up' }));
+  });
 }
