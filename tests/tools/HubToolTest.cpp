@@ -557,6 +557,14 @@ TEST_F(HubTool, sessionsRunClaudeCodeOnTheComputerAndAskBeforeEachTool)
     ASSERT_FALSE(projects.empty());
     EXPECT_EQ(projects[0].cwd, project);
 
+    // Continued in a terminal on the computer, in its folder, resuming it.
+    EXPECT_EQ(await(chat->openInTerminal(*id)), "x-terminal-emulator");
+    ASSERT_TRUE(waitUntil([&] { return QFileInfo::exists(home.file("terminal.txt")); }, 10000));
+    const QStringList terminal = readText(home.file("terminal.txt")).split('\n');
+    EXPECT_EQ(terminal.value(0), project);
+    EXPECT_TRUE(terminal.join(' ').contains("claude --resume fake-")) << qPrintable(terminal.join(' '));
+    EXPECT_EQ(session(*id)->terminal, true);
+
     // Codex too, resumed by its thread.
     const auto codex = await(chat->newSession(project, "tidy up", "codex", "", "", std::nullopt));
     ASSERT_TRUE(codex);
