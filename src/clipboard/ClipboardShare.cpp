@@ -7,6 +7,7 @@
 #include "clipboard/ClipRules.h"
 #include "hub/Entry.h"
 #include "hub/MacAPI.h"
+#include "platform/FolderZip.h"
 #include "platform/Pasteboard.h"
 #include "shortcuts/HotKeys.h"
 
@@ -18,7 +19,6 @@
 #include <QJsonArray>
 #include <QMimeDatabase>
 #include <QPointer>
-#include <QProcess>
 #include <QUrl>
 #include <QUuid>
 #include <QtConcurrent/QtConcurrentRun>
@@ -245,20 +245,15 @@ QCoro::Task<std::optional<ClipboardShare::Payload>> ClipboardShare::read()
 
 QCoro::Task<QString> ClipboardShare::zip(QString folder, QString into)
 {
-    const QFileInfo source(folder);
-    const QString name = source.fileName();
+    const QString name = QFileInfo(folder).fileName();
     const QString archive = into + QLatin1Char('/') + name + QStringLiteral(".zip");
-    // zip waits for its process off the main thread; the folder goes in with its own name.
-    auto future = QtConcurrent::run([source, name, archive] {
-        QProcess zip;
-        zip.setWorkingDirectory(source.absolutePath());
-        zip.start(QStringLiteral("zip"), {QStringLiteral("-r"), QStringLiteral("-q"), QStringLiteral("-y"), archive, name});
-        return zip.waitForStarted(10000) && zip.waitForFinished(-1) && zip.exitStatus() == QProcess::NormalExit
-            && zip.exitCode() == 0;
-    });
-    const bool done = co_await future;
-    if (!done)
+    // Written off the main thread; the folder goes in with its own name.
+    auto future = QtConcurrent::run([folder, archive] { return zipFolder(folder, archive); });
+    const std::optional<QString> failure = co_await future;
+    if (failure) {
+        log(QStringLiteral("zip %1: %2").arg(folder, *failure));
         throw Error(tr("Couldn't zip “%1”.").arg(name));
+    }
     co_return archive;
 }
 

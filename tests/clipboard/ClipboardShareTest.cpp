@@ -3,6 +3,8 @@
 // refusals in the person's words, and the target that is remembered.
 #include "clipboard/ClipboardShare.h"
 
+#include "base/Error.h"
+
 #include "FakePasteboard.h"
 #include "Fixture.h"
 #include "Support.h"
@@ -160,6 +162,29 @@ TEST_F(ClipboardShareTest, textFilesAndPicturesGoInTheirOwnWayWithinTheLimits)
     await(share.send(tower));
     EXPECT_EQ(lastToast(), "The clipboard is empty");
     EXPECT_FALSE(share.sending());
+}
+
+TEST_F(ClipboardShareTest, aFolderIsZippedWithItsOwnNameAtTheRoot)
+{
+    QDir().mkpath(home.file("Project/src/empty"));
+    writeText(home.file("Project/src/main.c"), "int main;");
+    writeText(home.file("Project/.hidden"), "h");
+    QFile::link("src/main.c", home.file("Project/link"));
+    QDir().mkpath(home.file("out"));
+    const QString archive = await(ClipboardShare::zip(home.file("Project"), home.file("out")));
+    EXPECT_EQ(archive, home.file("out/Project.zip"));
+    // Read back by another program, as the other computer would.
+    QProcess python;
+    python.start("/usr/bin/python3", {"-c", "import sys, zipfile\n"
+                                            "z = zipfile.ZipFile(sys.argv[1])\n"
+                                            "print(sorted(z.namelist()))\n"
+                                            "print(z.read('Project/src/main.c').decode())",
+                                      archive});
+    ASSERT_TRUE(python.waitForFinished(20000));
+    EXPECT_EQ(QString::fromUtf8(python.readAllStandardOutput()),
+              "['Project/', 'Project/.hidden', 'Project/link', 'Project/src/', 'Project/src/empty/', 'Project/src/main.c']\n"
+              "int main;\n");
+    EXPECT_THROW(await(ClipboardShare::zip(home.file("nothing"), home.file("out"))), Error);
 }
 
 TEST_F(ClipboardShareTest, theHubsRefusalsAreToldInThePersonsWords)
