@@ -345,8 +345,10 @@ QCoro::Task<void> ClipboardShare::send(Me::Mac mac)
                 if (!self)
                     co_return;
                 files.append(uploaded.toJson());
+                sent = file.fileName(); // a single file's name, a folder's with ".zip"
             }
-            sent = payload->files.size() > 1 ? tr("%1 files").arg(payload->files.size()) : QFileInfo(payload->files.front()).fileName();
+            if (payload->files.size() > 1)
+                sent = tr("%1 files").arg(payload->files.size());
             body.insert(QStringLiteral("files"), files);
         }
         co_await m_api.call<MacAPI::Ignored>(QStringLiteral("/app/mac/clipboard"), QStringLiteral("POST"), body, 320, token);
