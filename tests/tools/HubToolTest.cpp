@@ -741,3 +741,34 @@ TEST_F(HubTool, aClipboardSentFromThisComputerLandsOnTheOtherComputersAgent)
         return toasts.last() == "Laptop is offline";
     }, 10000)) << qPrintable(toasts.last());
 }
+
+TEST_F(HubTool, aComputerTakenOffTheAccountAndAPhoneSigningOutLoseTheirTokens)
+{
+    ASSERT_TRUE(HubProcess::url.isValid());
+    const auto [agentToken, phone] = pairByHand("Desk");
+    QWebSocket agent;
+    QNetworkRequest request(QUrl(HubProcess::url.toString().replace("http://", "ws://") + "/agent/ws"));
+    request.setRawHeader("authorization", "Bearer " + agentToken.toUtf8());
+    agent.open(request);
+    ASSERT_TRUE(waitUntil([&] { return agent.state() == QAbstractSocket::ConnectedState; }, 10000));
+    const QString device = call("GET", "/app/me", {}, phone).value("macs").toArray().at(0).toObject().value("id").toString();
+    int status = 0;
+    call("POST", "/agent/app-token", {}, agentToken, &status);
+    EXPECT_EQ(status, 200);
+
+    // Removed from the phone: its link ends with 4401 and its token is good for nothing.
+    call("DELETE", "/app/devices/" + device, {}, phone, &status);
+    EXPECT_EQ(status, 200);
+    ASSERT_TRUE(waitUntil([&] { return agent.closeCode() == QWebSocketProtocol::CloseCode(4401); }, 10000));
+    call("POST", "/agent/app-token", {}, agentToken, &status);
+    EXPECT_EQ(status, 401);
+    call("DELETE", "/app/devices/" + device, {}, phone, &status);
+    EXPECT_EQ(status, 404);
+    EXPECT_TRUE(call("GET", "/app/me", {}, phone).value("macs").toArray().isEmpty());
+
+    // The phone signs out: its token goes.
+    call("POST", "/app/phone/forget", {}, phone, &status);
+    EXPECT_EQ(status, 200);
+    call("GET", "/app/conversations", {}, phone, &status);
+    EXPECT_EQ(status, 401);
+}

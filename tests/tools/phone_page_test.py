@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """The phone page in a real browser (Debian's chromium, headless, driven by
 selenium): pairs with a code, chats with the stand-in, approves a tool request,
-shows the computer offline, and comes back after a hub restart."""
+shows the computer offline, comes back after a hub restart, and signs out."""
 import json
 import os
 import re
@@ -108,6 +108,14 @@ class PhonePage(unittest.TestCase):
         self.wait.until(lambda b: "live" in b.find_element(By.ID, "live").get_attribute("class"))
         self.browser.find_element(By.CSS_SELECTOR, "nav#tabs [data-tab='list']").click()
         self.text_appears("#conversations", "How is the build?")
+
+        # The account's computers, and signing this phone out: the pairing form comes back.
+        self.browser.find_element(By.CSS_SELECTOR, "nav#tabs [data-tab='computer']").click()
+        self.text_appears("#computers", "Desk (offline)")
+        self.browser.find_element(By.ID, "forget-phone").click()
+        self.wait.until(when.alert_is_present()).accept()
+        self.wait.until(when.visibility_of_element_located((By.ID, "pair")))
+        self.assertIsNone(self.browser.execute_script("return localStorage.getItem('zuv-phone-token')"))
 
 
 if __name__ == "__main__":

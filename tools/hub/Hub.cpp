@@ -358,6 +358,24 @@ Hub::Reply Hub::route(const QString &method, const QString &path, const QUrlQuer
     const QString conversation = string(body, "conversation");
     const auto checkConversation = [&](const QString &id) { return idPattern.match(id).hasMatch(); };
 
+    // Revoking: a computer taken off the account (its tokens and its agent's link go
+    // with it), or this phone signing out.
+    if (method == QLatin1String("DELETE") && path.startsWith(QLatin1String("/app/devices/"))) {
+        const QString id = path.mid(13);
+        if (!idPattern.match(id).hasMatch() || !m_store.get(QStringLiteral("device"), id))
+            return error(404, QStringLiteral("That computer isn't on this account."), QStringLiteral("NOT_FOUND"));
+        m_store.remove(QStringLiteral("device"), id);
+        m_store.removeGroup(QStringLiteral("token"), id);
+        if (const auto agent = m_agents.find(id); agent != m_agents.end() && agent->second)
+            agent->second->close(QWebSocketProtocol::CloseCode(4401), QStringLiteral("removed"));
+        return {200, {}};
+    }
+    if (is("POST", "/app/phone/forget")) {
+        if (who.kind != Caller::Kind::phone)
+            return error(403, QStringLiteral("Only a phone signs itself out here."), QStringLiteral("NOT_A_PHONE"));
+        m_store.remove(QStringLiteral("token"), QString::fromUtf8(request.value("authorization").mid(7)).trimmed());
+        return {200, {}};
+    }
     if (is("GET", "/app/conversations")) {
         QJsonArray list;
         for (const QJsonObject &c : m_store.list(QStringLiteral("conversation")))
@@ -555,7 +573,7 @@ Hub::Reply Hub::pairPoll(const QJsonObject &body)
                  {QStringLiteral("pairedAt"), now()}},
                 QString(), now());
     m_store.put(QStringLiteral("token"), agentToken,
-                {{QStringLiteral("kind"), QStringLiteral("agent")}, {QStringLiteral("device"), device}});
+                {{QStringLiteral("kind"), QStringLiteral("agent")}, {QStringLiteral("device"), device}}, device);
     pairing->insert(QStringLiteral("status"), QStringLiteral("done"));
     m_store.put(QStringLiteral("pairing"), string(*pairing, "code"), *pairing, QString(), now());
     return {200, QJsonObject{{QStringLiteral("status"), QStringLiteral("paired")}, {QStringLiteral("token"), agentToken},
@@ -587,7 +605,8 @@ Hub::Reply Hub::appToken(const Caller &who)
     const double expires = now() + accessLife;
     m_store.put(QStringLiteral("token"), access,
                 {{QStringLiteral("kind"), QStringLiteral("access")}, {QStringLiteral("device"), who.device},
-                 {QStringLiteral("expiresAt"), expires}});
+                 {QStringLiteral("expiresAt"), expires}},
+                who.device);
     return {200, QJsonObject{{QStringLiteral("accessToken"), access}, {QStringLiteral("expiresAt"), expires},
                              {QStringLiteral("device"), who.device}}};
 }

@@ -209,7 +209,10 @@ function tab(name) {
   state.session = null;
   if (name === 'sessions') { loadSessions().catch(show); loadProjects(); }
   if (name === 'clipboard') loadClips().catch(show);
-  if (name === 'computer') api('GET', '/app/power').then((reply) => showAwake(reply.session)).catch(show);
+  if (name === 'computer') {
+    api('GET', '/app/power').then((reply) => showAwake(reply.session)).catch(show);
+    loadComputers().catch(show);
+  }
 }
 for (const button of document.querySelectorAll('nav#tabs .tab')) button.addEventListener('click', () => tab(button.dataset.tab));
 
@@ -468,6 +471,30 @@ $('see-screen').addEventListener('click', async () => {
   } catch (error) { show(error); }
   $('see-screen').disabled = false;
   $('see-screen').textContent = 'See the Screen';
+});
+
+// --- The account's computers: one can be taken off it (its pairing ends), and this phone can sign out.
+async function loadComputers() {
+  const { macs } = await api('GET', '/app/me');
+  $('computers').replaceChildren(...(macs || []).map((mac) => {
+    const item = document.createElement('li');
+    const name = document.createElement('span');
+    name.textContent = `${mac.name}${mac.online ? '' : ' (offline)'}`;
+    const remove = document.createElement('button');
+    remove.className = 'secondary';
+    remove.textContent = 'Remove';
+    remove.addEventListener('click', () => {
+      if (!window.confirm(`Remove ${mac.name} from this account? It will have to be paired again.`)) return;
+      api('DELETE', `/app/devices/${encodeURIComponent(mac.id)}`).then(loadComputers).catch(show);
+    });
+    item.append(name, remove);
+    return item;
+  }));
+}
+$('forget-phone').addEventListener('click', async () => {
+  if (!window.confirm('Sign this phone out? You will pair it again with a code from the computer.')) return;
+  try { await api('POST', '/app/phone/forget'); } catch { /* signed out here either way */ }
+  forget();
 });
 
 // --- The live socket; it comes back after a hub restart.
