@@ -324,6 +324,21 @@ TEST_F(Shell, hostileContentDegradesWithoutLosingTheWayToTheWindow)
     await(chat->reloadConversations(false));
     main.rebuildNow();
     EXPECT_GE(main.sidebar()->topLevelItemCount(), 10000);
+    // One chat changes: its row is brought up to date in place, the others stay as they are.
+    QTreeWidgetItem *untouched = rowFor(main.sidebar(), "c100");
+    QTreeWidgetItem *renamed = rowFor(main.sidebar(), "c7");
+    ASSERT_TRUE(untouched && renamed);
+    QJsonObject changed = many[7].toObject();
+    changed["title"] = "Renamed";
+    changed["unread"] = true;
+    many[7] = changed;
+    list("/app/conversations", "conversations", many);
+    await(chat->reloadConversations(false));
+    main.rebuildNow();
+    EXPECT_EQ(rowFor(main.sidebar(), "c100"), untouched);
+    EXPECT_EQ(rowFor(main.sidebar(), "c7"), renamed);
+    EXPECT_TRUE(renamed->text(0).startsWith("Renamed")) << qPrintable(renamed->text(0));
+    EXPECT_EQ(renamed->toolTip(0), "Unread");
     main.select(MainWindow::Selection{MainWindow::Selection::Kind::chat, "c0"});
     ASSERT_TRUE(waitUntil([&] { return main.chatPane()->messages()->rows() == 3; }));
     main.chatPane()->messages()->measureAll();

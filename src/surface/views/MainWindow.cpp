@@ -39,20 +39,28 @@ namespace zuv {
 
 namespace {
 
-enum Role { kindRole = Qt::UserRole + 1, idRole };
+enum Role { kindRole = Qt::UserRole + 1, idRole, dotRole };
 enum class RowKind { header, chat, message, session, scheduled };
 
-QIcon dot(const QColor &color)
+// The marks are drawn once per colour.
+QIcon dot(QRgb color)
 {
+    static QHash<QRgb, QIcon> drawn;
+    if (const auto found = drawn.constFind(color); found != drawn.constEnd())
+        return *found;
     QPixmap pixmap(12, 12);
     pixmap.fill(Qt::transparent);
     QPainter painter(&pixmap);
     painter.setRenderHint(QPainter::Antialiasing);
-    painter.setBrush(color);
+    painter.setBrush(QColor::fromRgb(color));
     painter.setPen(Qt::NoPen);
     painter.drawEllipse(QRectF(2, 2, 8, 8));
-    return QIcon(pixmap);
+    return *drawn.insert(color, QIcon(pixmap));
 }
+
+constexpr QRgb unreadMark = 0xff2f6feb;
+constexpr QRgb approvalMark = 0xffe08a00;
+constexpr QRgb failedMark = 0xffd0312d;
 
 QString agentWord(const std::optional<QString> &agent)
 {
@@ -60,6 +68,18 @@ QString agentWord(const std::optional<QString> &agent)
 }
 
 } // namespace
+
+// One line of the sidebar as it should stand; the tree's items are brought in line
+// with these in place, so that a change to one chat does not remake ten thousand.
+struct MainWindow::Row {
+    QString text;
+    int kind = 0;         // a RowKind
+    QString id;
+    bool section = false; // a section's title: bold and dimmed, not selectable
+    bool selectable = true;
+    QRgb dot = 0;         // the mark's colour; 0: no mark
+    QString tooltip;
+};
 
 MainWindow::MainWindow(AppModel &app, ChatModel &chat, SettingsModel &settings, MacAPI &api, Clock &clock,
                        Defaults &defaults, QWidget *parent)
@@ -397,53 +417,48 @@ void MainWindow::rebuildNow() { rebuild(); }
 void MainWindow::rebuild()
 {
     m_rebuildQueued = false;
-    m_filling = true;
-    m_tree->setUpdatesEnabled(false);
-    m_tree->clear();
     const QDateTime now = m_clock.date();
     const QString query = m_search->text();
-    QTreeWidgetItem *current = nullptr;
+    std::deque<Row> rows; // a deque: the references handed out stay good
+    int current = -1;
 
-    const auto section = [this](const QString &title) {
-        auto *header = new QTreeWidgetItem(m_tree, {title});
-        header->setFlags(Qt::ItemIsEnabled);
-        header->setData(0, kindRole, int(RowKind::header));
-        QFont bold = m_tree->font();
-        bold.setBold(true);
-        bold.setPointSizeF(bold.pointSizeF() * 0.9);
-        header->setFont(0, bold);
-        header->setForeground(0, m_tree->palette().color(QPalette::PlaceholderText));
-        return header;
+    const auto section = [&rows](const QString &title) {
+        Row header;
+        header.text = title;
+        header.section = true;
+        header.selectable = false;
+        rows.push_back(header);
     };
-    const auto row = [&](const QString &text, RowKind kind, const QString &id) {
-        auto *item = new QTreeWidgetItem(m_tree, {text});
-        item->setData(0, kindRole, int(kind));
-        item->setData(0, idRole, id);
+    const auto row = [&](const QString &text, RowKind kind, const QString &id) -> Row & {
+        Row line;
+        line.text = text;
+        line.kind = int(kind);
+        line.id = id;
         const bool chosen = m_selection && ((kind == RowKind::chat && m_selection->kind == Selection::Kind::chat)
                                             || (kind == RowKind::session && m_selection->kind == Selection::Kind::session))
             && m_selection->id == id;
         if (chosen)
-            current = item;
-        return item;
+            current = int(rows.size());
+        rows.push_back(line);
+        return rows.back();
     };
 
     section(tr("Chats"));
     const auto conversations = Sidebar::filtered(m_chat.conversations(), query);
     if (m_chat.conversationsFailed() && m_chat.conversations().empty()) {
-        auto *failed = row(QStringLiteral("⚠ ") + tr("Couldn't load your chats") + u'\n' + tr("Try Again"), RowKind::header, {});
-        failed->setData(0, idRole, QStringLiteral("retry"));
+        Row &failed = row(QStringLiteral("⚠ ") + tr("Couldn't load your chats") + u'\n' + tr("Try Again"), RowKind::header, {});
+        failed.id = QStringLiteral("retry");
     } else if (m_chat.conversations().empty() && query.trimmed().isEmpty()) {
-        row(tr("No chats yet. Write to Zuv to start one (Ctrl+N)."), RowKind::header, {})->setFlags(Qt::ItemIsEnabled);
+        row(tr("No chats yet. Write to Zuv to start one (Ctrl+N)."), RowKind::header, {}).selectable = false;
     }
     for (const Conversation &c : conversations) {
         const bool waiting = m_chat.waiting().contains(c.id);
         const QString second = waiting ? m_chat.steps().value(c.id, tr("Zuv is thinking…")) : Conversation::plain(c.preview);
-        QTreeWidgetItem *item = row(c.title + QStringLiteral("  ·  ") + TimeLabel::relative(c.updatedAt, now) + u'\n'
-                                        + second.left(120),
-                                    RowKind::chat, c.id);
+        Row &item = row(c.title + QStringLiteral("  ·  ") + TimeLabel::relative(c.updatedAt, now) + u'\n' + second.left(120),
+                        RowKind::chat, c.id);
         if (c.unread.value_or(false)) {
-            item->setIcon(0, dot(QColor(0x2f, 0x6f, 0xeb)));
-            item->setToolTip(0, tr("Unread"));
+            item.dot = unreadMark;
+            item.tooltip = tr("Unread");
         }
     }
 
@@ -475,15 +490,15 @@ void MainWindow::rebuild()
             state = tr("failed");
         else
             state = TimeLabel::relative(s.updatedAt.value_or(s.startedAt), now);
-        QTreeWidgetItem *item = row(agentWord(s.agent) + QStringLiteral("  ") + s.title.value_or(s.project) + QStringLiteral("  ·  ")
-                                        + state + u'\n' + second.join(QStringLiteral(" · ")),
-                                    RowKind::session, s.id);
+        Row &item = row(agentWord(s.agent) + QStringLiteral("  ") + s.title.value_or(s.project) + QStringLiteral("  ·  ") + state
+                            + u'\n' + second.join(QStringLiteral(" · ")),
+                        RowKind::session, s.id);
         if (reason == ChatModel::NeedsYou::approval)
-            item->setIcon(0, dot(QColor(0xe0, 0x8a, 0x00)));
+            item.dot = approvalMark;
         else if (reason)
-            item->setIcon(0, dot(QColor(0x2f, 0x6f, 0xeb)));
+            item.dot = unreadMark;
         else if (s.status == QLatin1String("failed"))
-            item->setIcon(0, dot(QColor(0xd0, 0x31, 0x2d)));
+            item.dot = failedMark;
     };
     if (!sections.needsYou.empty()) {
         section(QStringLiteral("📥 ") + tr("Needs You"));
@@ -509,13 +524,56 @@ void MainWindow::rebuild()
     if (!sections.rest.empty() || !m_chat.sessionsLoaded()) {
         section(sections.restTitle);
         if (!m_chat.sessionsLoaded())
-            row(tr("Loading sessions…"), RowKind::header, {})->setFlags(Qt::ItemIsEnabled);
+            row(tr("Loading sessions…"), RowKind::header, {}).selectable = false;
         for (const CcSession &s : sections.rest)
             sessionRow(s);
     }
+    fill(rows, current);
+}
 
-    if (current)
-        m_tree->setCurrentItem(current);
+void MainWindow::fill(const std::deque<Row> &rows, int current)
+{
+    m_filling = true;
+    m_tree->setUpdatesEnabled(false);
+    QFont bold = m_tree->font();
+    bold.setBold(true);
+    bold.setPointSizeF(bold.pointSizeF() * 0.9);
+    const QColor dim = m_tree->palette().color(QPalette::PlaceholderText);
+    const int count = int(rows.size());
+    for (int i = 0; i < count; ++i) {
+        const Row &r = rows[size_t(i)];
+        QTreeWidgetItem *item = m_tree->topLevelItem(i);
+        if (!item)
+            item = new QTreeWidgetItem(m_tree);
+        // Only what differs is set: an unchanged row costs a few comparisons.
+        if (item->text(0) != r.text)
+            item->setText(0, r.text);
+        if (item->data(0, kindRole) != QVariant(r.kind))
+            item->setData(0, kindRole, r.kind);
+        if (item->data(0, idRole).toString() != r.id)
+            item->setData(0, idRole, r.id);
+        const Qt::ItemFlags flags = r.selectable ? Qt::ItemIsEnabled | Qt::ItemIsSelectable : Qt::ItemIsEnabled;
+        if (item->flags() != flags)
+            item->setFlags(flags);
+        if (item->data(0, dotRole).toUInt() != r.dot) {
+            item->setData(0, dotRole, r.dot);
+            item->setIcon(0, r.dot ? dot(r.dot) : QIcon());
+        }
+        if (item->toolTip(0) != r.tooltip)
+            item->setToolTip(0, r.tooltip);
+        if (item->data(0, Qt::FontRole).isValid() != r.section) {
+            item->setData(0, Qt::FontRole, r.section ? QVariant(bold) : QVariant());
+            item->setData(0, Qt::ForegroundRole, r.section ? QVariant(QBrush(dim)) : QVariant());
+        }
+    }
+    while (m_tree->topLevelItemCount() > count)
+        delete m_tree->takeTopLevelItem(m_tree->topLevelItemCount() - 1);
+    if (current >= 0) {
+        m_tree->setCurrentItem(m_tree->topLevelItem(current));
+    } else {
+        m_tree->clearSelection();
+        m_tree->setCurrentItem(nullptr);
+    }
     m_tree->setUpdatesEnabled(true);
     m_filling = false;
 }

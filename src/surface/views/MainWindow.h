@@ -5,6 +5,7 @@
 
 #include <QMainWindow>
 
+#include <deque>
 #include <optional>
 #include <vector>
 
@@ -69,6 +70,8 @@ protected:
 
 private:
     void rebuild();
+    struct Row;
+    void fill(const std::deque<Row> &rows, int current);
     void scheduleRebuild();
     void updateDetail();
     void updateFooter();
