@@ -16,7 +16,7 @@ import { Power } from './power.mjs';
 import { Receive } from './receive.mjs';
 import { screenshot } from './screen.mjs';
 import { Sessions } from './sessions.mjs';
-import { hello, onPath } from './tools.mjs';
+import { folderPath, hello, lines, onPath } from './tools.mjs';
 
 const require = createRequire(import.meta.url);
 
@@ -223,7 +223,7 @@ const receive = new Receive({
 async function answerHub(kind, message) {
   const id = typeof message.id === 'string' && message.id.length <= 64 ? message.id : null;
   if (!id) return;
-  const cwd = (typeof message.cwd === 'string' ? message.cwd : '').replace(/^~(?=\/|$)/, process.env.HOME || '~');
+  const cwd = folderPath(message.cwd);
   let answer;
   try {
     if (kind === 'session-changes') answer = { result: await sessions.changes(cwd) };
@@ -236,27 +236,7 @@ async function answerHub(kind, message) {
 }
 
 // The app's lines, read with a bound: a runaway line is dropped, not kept.
-const LONGEST_COMMAND = 1024 * 1024;
-let pendingInput = '';
-let droppingInput = false;
-process.stdin.setEncoding('utf8');
-process.stdin.on('data', (data) => {
-  let from = pendingInput.length;
-  pendingInput += data;
-  let at;
-  while ((at = pendingInput.indexOf('\n', from)) >= 0) {
-    const line = pendingInput.slice(0, at);
-    pendingInput = pendingInput.slice(at + 1);
-    from = 0;
-    if (droppingInput) droppingInput = false;
-    else command(line);
-  }
-  if (pendingInput.length > LONGEST_COMMAND) {
-    if (!droppingInput) say('command ignored: too long');
-    pendingInput = '';
-    droppingInput = true;
-  }
-});
+lines(process.stdin, command, { longest: 1024 * 1024, onDropped: () => say('command ignored: too long') });
 function command(line) {
   try {
     const command = JSON.parse(line);

@@ -17,7 +17,8 @@ const KEY = /^[A-Za-z0-9_-]{1,64}$/;
 // A failure in our own words, fit to show; any other is told in general terms.
 class Refusal extends Error {}
 
-function safeName(value) {
+// A received file's name in the Downloads folder: no folders, no leading dots.
+function downloadName(value) {
   const base = path.basename(typeof value === 'string' ? value : '').replace(/[\0/]/g, '_').replace(/^\.+/, '');
   return base.slice(0, 200) || 'file';
 }
@@ -87,24 +88,16 @@ export class Receive {
       let info;
       if (hasText) {
         if (message.text.length > LONGEST_TEXT) throw new Refusal('The text is too long (100,000 characters at most).');
-        await this.put(Buffer.from(message.text, 'utf8'), 'text.txt', false);
+        await this.put('text.txt', false, (file) => writeFileSync(file, message.text, { mode: 0o600 }));
         info = { from, kind: 'text' };
       } else if (message.image === true && files.length === 1) {
-        const folder = path.join(this.outbox, `in-${randomUUID()}`);
-        mkdirSync(folder, { recursive: true });
-        try {
-          const file = path.join(folder, 'Clipboard.png');
-          await this.download(files[0].key, file);
-          await this.ask({ op: 'put', path: file, image: true });
-        } finally {
-          rmSync(folder, { recursive: true, force: true });
-        }
+        await this.put('Clipboard.png', true, (file) => this.download(files[0].key, file));
         info = { from, kind: 'image' };
       } else if (files.length > 0 && files.length <= MOST_FILES) {
         mkdirSync(this.downloads, { recursive: true });
         const saved = [];
         for (const file of files) {
-          const where = freeName(this.downloads, safeName(file.name));
+          const where = freeName(this.downloads, downloadName(file.name));
           await this.download(file.key, where);
           saved.push(where);
         }
@@ -121,12 +114,14 @@ export class Receive {
     }
   }
 
-  async put(bytes, name, image) {
+  // Onto the clipboard through the app: `fill` writes the file in a folder of the
+  // outbox, which goes once the app has answered.
+  async put(name, image, fill) {
     const folder = path.join(this.outbox, `in-${randomUUID()}`);
     mkdirSync(folder, { recursive: true });
     try {
       const file = path.join(folder, name);
-      writeFileSync(file, bytes, { mode: 0o600 });
+      await fill(file);
       await this.ask({ op: 'put', path: file, image });
     } finally {
       rmSync(folder, { recursive: true, force: true });

@@ -9,7 +9,7 @@ import { existsSync, readdirSync, rmSync, statSync } from 'node:fs';
 import net from 'node:net';
 import path from 'node:path';
 import { fileURLToPath } from 'node:url';
-import { end, jsonLines, onPath } from './tools.mjs';
+import { end, folderPath, jsonLines, onPath } from './tools.mjs';
 
 const APPROVE = fileURLToPath(new URL('./approve.mjs', import.meta.url));
 const ID = /^[A-Za-z0-9_-]{1,64}$/;
@@ -87,7 +87,7 @@ export class Sessions {
     const state = (fields) => this.toHub({ type: 'session-state', id, ...fields });
     if (this.running.has(id)) return state({ status: 'running' });
     const prompt = text(message.text, LONGEST_TEXT);
-    const cwd = text(message.cwd, 4096).replace(/^~(?=\/|$)/, process.env.HOME || '~');
+    const cwd = folderPath(message.cwd);
     let folder = false;
     try { folder = path.isAbsolute(cwd) && statSync(cwd).isDirectory(); } catch { folder = false; }
     if (!folder) return state({ status: 'failed', lastReply: `There is no folder ${cwd || '(none)'} on this computer.` });
@@ -284,7 +284,7 @@ export class Sessions {
 
   // Continues a session in a terminal window on this computer.
   terminal(message) {
-    const cwd = text(message.cwd, 4096);
+    const cwd = folderPath(message.cwd);
     const agent = message.agent === 'codex' ? 'codex' : 'claude';
     const resume = typeof message.resume === 'string' && /^[\w-]{1,100}$/.test(message.resume) ? message.resume : null;
     const app = TERMINALS.find(onPath);

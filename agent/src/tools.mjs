@@ -15,10 +15,11 @@ export function end(child) {
   }
 }
 
-// Calls `onEvent` with each JSON object the stream prints on a line of its own;
-// other lines are skipped, and a runaway line is dropped rather than kept.
-export function jsonLines(stream, onEvent) {
+// Calls `onLine` with each line the stream gives. A line longer than `longest` is
+// dropped whole, up to its end, and `onDropped` hears of it once.
+export function lines(stream, onLine, { longest = LONGEST_LINE, onDropped = () => {} } = {}) {
   let buffer = '';
+  let dropping = false;
   stream.setEncoding('utf8');
   stream.on('data', (data) => {
     // Only the new data is searched for the line's end, so a long line costs once.
@@ -26,16 +27,35 @@ export function jsonLines(stream, onEvent) {
     buffer += data;
     let at;
     while ((at = buffer.indexOf('\n', from)) >= 0) {
-      const line = buffer.slice(0, at).trim();
+      const line = buffer.slice(0, at);
       buffer = buffer.slice(at + 1);
       from = 0;
-      if (!line.startsWith('{')) continue;
-      let event;
-      try { event = JSON.parse(line); } catch { continue; }
-      if (event && typeof event === 'object') onEvent(event);
+      if (dropping) dropping = false;
+      else onLine(line);
     }
-    if (buffer.length > LONGEST_LINE) buffer = '';
+    if (buffer.length > longest) {
+      if (!dropping) onDropped();
+      buffer = '';
+      dropping = true;
+    }
   });
+}
+
+// Calls `onEvent` with each JSON object the stream prints on a line of its own;
+// other lines are skipped.
+export function jsonLines(stream, onEvent) {
+  lines(stream, (line) => {
+    const text = line.trim();
+    if (!text.startsWith('{')) return;
+    let event;
+    try { event = JSON.parse(text); } catch { return; }
+    if (event && typeof event === 'object') onEvent(event);
+  });
+}
+
+// A folder as the hub names it ("~" is the home folder), as a path here; not a string: empty.
+export function folderPath(value) {
+  return (typeof value === 'string' ? value.slice(0, 4096) : '').replace(/^~(?=\/|$)/, process.env.HOME || '~');
 }
 
 export function onPath(command) {

@@ -22,7 +22,9 @@ namespace {
 
 QString shortId() { return QUuid::createUuid().toString(QUuid::WithoutBraces).left(6); }
 
-QString mimeFor(const QString &path)
+} // namespace
+
+QString OutgoingFile::mimeFor(const QString &path)
 {
     // By the name only, as a file that is still being written may not be readable.
     const QMimeType type = QMimeDatabase().mimeTypeForFile(path, QMimeDatabase::MatchExtension);
@@ -30,8 +32,6 @@ QString mimeFor(const QString &path)
         return QStringLiteral("application/octet-stream");
     return type.name();
 }
-
-} // namespace
 
 OutgoingFile::OutgoingFile(const QString &path)
     : id(QUuid::createUuid()), path(path), name(QFileInfo(path).fileName()), mime(mimeFor(path))

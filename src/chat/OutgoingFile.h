@@ -42,6 +42,8 @@ struct OutgoingFile {
 
     // The private folder; made on first use.
     static QString folder();
+    // The MIME type by the file's name, "application/octet-stream" when it tells none.
+    static QString mimeFor(const QString &path);
     // Removes what earlier runs left behind.
     static void sweep();
 

@@ -95,9 +95,15 @@ bool ClipboardHistory::use(const Clip &clip, bool paste, bool plain)
 
 void ClipboardHistory::copyText(const QString &text)
 {
-    m_pasteboard.write({{ClipContent{ClipRules::plainText, text.toUtf8()}}});
+    const ClipContent content{ClipRules::plainText, text.toUtf8()};
+    writeOwn({{content}}, {content});
+}
+
+void ClipboardHistory::writeOwn(const std::vector<Pasteboard::Item> &items, const std::vector<ClipContent> &rows)
+{
+    m_pasteboard.write(items);
     noteOwnWrite();
-    record({ClipContent{ClipRules::plainText, text.toUtf8()}}, ownApp(), m_clock.now());
+    record(rows, ownApp(), m_clock.now());
 }
 
 void ClipboardHistory::togglePin(qint64 id)
@@ -405,10 +411,7 @@ bool ClipboardHistory::putReceived(const QString &file, bool image)
         content = ClipContent{ClipRules::plainText, bytes};
     }
     m_receivedText = image ? std::nullopt : ClipRules::utf8(bytes);
-    m_pasteboard.write({{content}});
-    noteOwnWrite();
-    if (m_store)
-        record({content}, ownApp(), m_clock.now());
+    writeOwn({{content}}, {content});
     return true;
 }
 
@@ -428,10 +431,7 @@ bool ClipboardHistory::putReceivedFiles(const QStringList &paths)
     if (rows.empty())
         return false;
     m_receivedText.reset();
-    m_pasteboard.write(items);
-    noteOwnWrite();
-    if (m_store)
-        record(rows, ownApp(), m_clock.now());
+    writeOwn(items, rows);
     return true;
 }
 

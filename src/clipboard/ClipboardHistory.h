@@ -148,6 +148,8 @@ private:
     Clip *find(qint64 id);
     void touch(qint64 id);
     void noteOwnWrite();
+    // Our own copy: on the clipboard now, never read back, and in the history as ours.
+    void writeOwn(const std::vector<Pasteboard::Item> &items, const std::vector<ClipContent> &rows);
 
     Clock &m_clock;
     Defaults &m_defaults;

@@ -4,6 +4,7 @@
 #include "base/Defaults.h"
 #include "base/Error.h"
 #include "base/Log.h"
+#include "chat/OutgoingFile.h"
 #include "clipboard/ClipRules.h"
 #include "hub/Entry.h"
 #include "hub/MacAPI.h"
@@ -17,7 +18,6 @@
 #include <QHostInfo>
 #include <QImage>
 #include <QJsonArray>
-#include <QMimeDatabase>
 #include <QPointer>
 #include <QUrl>
 #include <QUuid>
@@ -28,21 +28,14 @@ namespace zuv {
 
 namespace {
 
-// The types read, in the order they are preferred (GCC 12 takes no brace lists in coroutines).
-const QStringList pictureTypes = {QStringLiteral("image/png"), QStringLiteral("image/jpeg"), QStringLiteral("image/tiff"),
-                                  QStringLiteral("image/bmp")};
-const QStringList textTypes = {ClipRules::plainText, QStringLiteral("UTF8_STRING"), QStringLiteral("text/plain")};
+// The types a send may read (GCC 12 takes no brace lists in coroutines).
+const QStringList texts = {ClipRules::plainText, ClipRules::plainTextBare};
+const QStringList wanted = QStringList{ClipRules::fileURL} + ClipRules::imageTypes() + texts;
 
 struct MeReply {
     std::optional<std::vector<Me::Mac>> macs;
     static MeReply fromJson(const QJsonObject &o) { return {Me::fromJson(o).macs}; }
 };
-
-QString mimeFor(const QString &path)
-{
-    const QMimeType type = QMimeDatabase().mimeTypeForFile(path, QMimeDatabase::MatchExtension);
-    return type.isValid() && !type.isDefault() ? type.name() : QStringLiteral("application/octet-stream");
-}
 
 // The folder that a send works in, removed with everything in it however the send ends.
 struct Scratch {
@@ -177,63 +170,57 @@ QCoro::Task<std::optional<ClipboardShare::Payload>> ClipboardShare::read()
     const Pasteboard::Offer offer = co_await m_pasteboard.offer();
     if (!self || offer.outcome != Pasteboard::Outcome::read)
         co_return std::nullopt;
-    const auto has = [&](const QString &type) { return offer.types.contains(type); };
     Pasteboard::Plan plan;
-    if (has(ClipRules::fileURL))
-        plan.fetch << ClipRules::fileURL;
-    for (const QString &type : pictureTypes)
-        if (has(type))
-            plan.fetch << type;
-    for (const QString &type : textTypes)
-        if (has(type))
+    for (const QString &type : wanted)
+        if (offer.types.contains(type))
             plan.fetch << type;
     if (plan.fetch.isEmpty())
         co_return std::nullopt;
     const Pasteboard::Reading reading = co_await m_pasteboard.fetch(offer.changeCount, plan);
-    if (!self || reading.outcome != Pasteboard::Outcome::read)
+    if (!self || reading.outcome != Pasteboard::Outcome::read || reading.items.empty())
         co_return std::nullopt;
-    const auto first = [&](const QString &type) -> std::optional<QByteArray> {
-        for (const Pasteboard::Item &item : reading.items)
-            for (const PasteboardContent &c : item)
-                if (c.type == type)
-                    return c.data;
-        return std::nullopt;
-    };
 
     // Files first, then a picture, then text: what a paste would most likely mean.
+    // A file list comes one file an item; everything else is on the first.
     Payload payload;
     for (const Pasteboard::Item &item : reading.items)
-        for (const PasteboardContent &c : item)
-            if (c.type == ClipRules::fileURL)
-                for (const QByteArray &line : c.data.split('\n')) {
-                    const QUrl url(QString::fromUtf8(line.trimmed()));
-                    if (url.isLocalFile())
-                        payload.files << url.toLocalFile();
-                }
+        if (const ClipContent *row = ClipRules::row(item, ClipRules::fileURL))
+            for (const QByteArray &line : row->data.split('\n')) {
+                const QUrl url(QString::fromUtf8(line.trimmed()));
+                if (url.isLocalFile())
+                    payload.files << url.toLocalFile();
+            }
     if (!payload.files.isEmpty()) {
         payload.kind = Payload::Kind::files;
         co_return payload;
     }
-    if (const auto png = first(QStringLiteral("image/png")); png && !png->isEmpty()) {
-        payload.kind = Payload::Kind::image;
-        payload.png = *png;
-        co_return payload;
-    }
-    for (const QString &type : pictureTypes.mid(1)) {
-        const auto data = first(type);
-        const QImage picture = data ? QImage::fromData(*data) : QImage();
-        if (picture.isNull())
+    const Pasteboard::Item &first = reading.items.front();
+    for (const QString &type : ClipRules::imageTypes()) {
+        const ClipContent *row = ClipRules::row(first, type);
+        if (!row || row->data.isEmpty())
             continue;
-        QBuffer buffer(&payload.png);
-        buffer.open(QIODevice::WriteOnly);
-        if (picture.save(&buffer, "PNG")) {
-            payload.kind = Payload::Kind::image;
+        payload.kind = Payload::Kind::image;
+        payload.png = row->data;
+        if (type == QLatin1String("image/png"))
             co_return payload;
-        }
+        // Another encoding is made PNG off the main thread; a picture Qt cannot read is passed over.
+        const QByteArray data = row->data;
+        auto future = QtConcurrent::run([data] {
+            QByteArray png;
+            QBuffer buffer(&png);
+            buffer.open(QIODevice::WriteOnly);
+            const QImage picture = QImage::fromData(data);
+            return !picture.isNull() && picture.save(&buffer, "PNG") ? png : QByteArray();
+        });
+        payload.png = co_await future;
+        if (!self)
+            co_return std::nullopt;
+        if (!payload.png.isEmpty())
+            co_return payload;
     }
-    for (const QString &type : textTypes) {
-        const auto data = first(type);
-        const auto text = data ? ClipRules::utf8(*data) : std::nullopt;
+    for (const QString &type : texts) {
+        const ClipContent *row = ClipRules::row(first, type);
+        const auto text = row ? ClipRules::utf8(row->data) : std::nullopt;
         if (text && !text->isEmpty()) {
             payload.kind = Payload::Kind::text;
             payload.text = *text;
@@ -341,7 +328,7 @@ QCoro::Task<void> ClipboardShare::send(Me::Mac mac)
                 const QFileInfo file(path);
                 if (file.size() > largestFile)
                     throw Error(tr("“%1” is larger than 100 MB. Use a USB stick or a file share for big files.").arg(file.fileName()));
-                const Entry::File uploaded = co_await m_api.upload(path, file.fileName(), mimeFor(path), token);
+                const Entry::File uploaded = co_await m_api.upload(path, file.fileName(), OutgoingFile::mimeFor(path), token);
                 if (!self)
                     co_return;
                 files.append(uploaded.toJson());

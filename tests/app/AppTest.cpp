@@ -1,5 +1,6 @@
 // The real executable, started the way a user starts it, against the test hub.
 #include "MockNotificationDaemon.h"
+#include "PrivateSystemBus.h"
 #include "Support.h"
 #include "TestHub.h"
 
@@ -309,14 +310,9 @@ TEST_F(AppTest, onADesktopWithATrayHostTheIconRegistersAndTheGuideShowsTheQrCode
     ASSERT_TRUE(daemon.up());
     bus = daemon.address();
     QProcess watcher;
-    auto mockEnv = QProcessEnvironment::systemEnvironment();
-    mockEnv.insert("DBUS_SESSION_BUS_ADDRESS", bus);
-    watcher.setProcessEnvironment(mockEnv);
-    watcher.start("/usr/bin/python3", {"-m", "dbusmock", "org.kde.StatusNotifierWatcher", "/StatusNotifierWatcher",
-                                      "org.kde.StatusNotifierWatcher"});
-    ASSERT_TRUE(test::waitUntil([&] {
-        return daemon.bus().interface()->isServiceRegistered("org.kde.StatusNotifierWatcher").value();
-    }, 15000));
+    ASSERT_TRUE(test::startSessionMock(watcher, bus,
+                                       {"org.kde.StatusNotifierWatcher", "/StatusNotifierWatcher", "org.kde.StatusNotifierWatcher"},
+                                       "org.kde.StatusNotifierWatcher", daemon.bus()));
     const auto mock = [&](const QString &method, const QVariantList &args) {
         QDBusMessage call = QDBusMessage::createMethodCall("org.kde.StatusNotifierWatcher", "/StatusNotifierWatcher",
                                                            "org.freedesktop.DBus.Mock", method);

@@ -178,8 +178,9 @@ TEST(ClipboardPanel, keysMoveEditUseAndFallThroughAsTheTableSays)
 
     // A pin letter is typed bare and used with Ctrl; a digit counts unpinned rows only.
     const int letter = Qt::Key_A + (pin.at(0).unicode() - 'a');
-    if (letter != Qt::Key_H && letter != Qt::Key_J && letter != Qt::Key_K && letter != Qt::Key_N && letter != Qt::Key_U)
+    if (letter != Qt::Key_H && letter != Qt::Key_J && letter != Qt::Key_K && letter != Qt::Key_N && letter != Qt::Key_U) {
         EXPECT_FALSE(p.key(letter));
+    }
     EXPECT_FALSE(p.key(Qt::Key_9, Qt::ControlModifier, 18)); // only three unpinned rows
     p.clock.advance(1);
     EXPECT_TRUE(p.key(Qt::Key_2, Qt::ControlModifier, 11));

@@ -134,14 +134,11 @@ TEST_F(ScreenHelper, onWaylandTheDesktopsPortalTakesThePicture)
     const QString address = test::startPrivateBus(bus, home, "session");
     ASSERT_FALSE(address.isEmpty());
     QProcess mock;
-    QProcessEnvironment mockEnv = QProcessEnvironment::systemEnvironment();
-    mockEnv.insert("DBUS_SESSION_BUS_ADDRESS", address);
-    mock.setProcessEnvironment(mockEnv);
-    mock.start("/usr/bin/python3", {"-m", "dbusmock", "org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop",
-                                    "org.freedesktop.portal.Screenshot"});
     QDBusConnection connection = QDBusConnection::connectToBus(address, "portal-test");
-    ASSERT_TRUE(test::waitUntil([&] { return connection.interface()->isServiceRegistered("org.freedesktop.portal.Desktop").value(); },
-                                15000));
+    ASSERT_TRUE(test::startSessionMock(mock, address,
+                                       {"org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop",
+                                        "org.freedesktop.portal.Screenshot"},
+                                       "org.freedesktop.portal.Desktop", connection));
     const auto answerWith = [&](int response, const QString &file) {
         QDBusMessage add = QDBusMessage::createMethodCall("org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop",
                                                           "org.freedesktop.DBus.Mock", "AddMethod");

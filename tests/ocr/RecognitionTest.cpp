@@ -131,9 +131,11 @@ TEST(Recognition, eachPictureIsReadOnceAndPicturesCopiedMeanwhileAreReadToo)
     EXPECT_TRUE(titles.contains("Invoice 42"));
     EXPECT_TRUE(titles.contains("copied later"));
     EXPECT_EQ(q.history.search("invoice").size(), 1u);
-    for (const Clip &c : q.history.clips())
-        if (c.id == blank)
+    for (const Clip &c : q.history.clips()) {
+        if (c.id == blank) {
             EXPECT_TRUE(c.text.isEmpty());
+        }
+    }
     // Read once: a restart reads nothing again.
     const int runs = int(q.reader.runs.size());
     q.history.recognitionDone();

@@ -23,21 +23,11 @@ public:
         m_address = startPrivateBus(m_daemon, m_home, "session");
         if (m_address.isEmpty())
             return;
-        auto env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), m_address);
-        m_mock.setProcessEnvironment(env);
         m_mock.setProcessChannelMode(QProcess::ForwardedChannels);
         m_bus = std::make_unique<QDBusConnection>(QDBusConnection::connectToBus(m_address, QStringLiteral("mock-bus")));
-        if (!withDaemon)
-            return;
-        // The system's python3: a python3 earlier on PATH may lack dbusmock.
-        m_mock.start(QStringLiteral("/usr/bin/python3"), {"-m", "dbusmock", "--template", "notification_daemon"});
-        waitUntil(
-            [&] {
-                return m_bus->isConnected()
-                    && m_bus->interface()->isServiceRegistered(QStringLiteral("org.freedesktop.Notifications")).value();
-            },
-            15000);
+        if (withDaemon && m_bus->isConnected())
+            startSessionMock(m_mock, m_address, {"--template", "notification_daemon"}, QStringLiteral("org.freedesktop.Notifications"),
+                             *m_bus);
     }
     ~MockNotificationDaemon()
     {

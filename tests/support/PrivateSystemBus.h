@@ -31,6 +31,19 @@ inline QString startPrivateBus(QProcess &daemon, const TempHome &home, const cha
     return QString::fromUtf8(daemon.readLine()).trimmed();
 }
 
+// Starts `python3 -m dbusmock ARGUMENTS` on the session bus at `address`; true once
+// `service` is on it, as `bus` (a connection to that bus) sees it.
+inline bool startSessionMock(QProcess &mock, const QString &address, const QStringList &arguments, const QString &service,
+                             QDBusConnection &bus)
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"), address);
+    mock.setProcessEnvironment(env);
+    // The system's python3: a python3 earlier on PATH may lack dbusmock.
+    mock.start(QStringLiteral("/usr/bin/python3"), QStringList{"-m", "dbusmock"} + arguments);
+    return waitUntil([&] { return bus.interface()->isServiceRegistered(service).value(); }, 15000);
+}
+
 // A system bus of the test's own, with python3-dbusmock services on it: logind and
 // polkit stand in where CI has neither. Children started after it see it through
 // DBUS_SYSTEM_BUS_ADDRESS.

@@ -1,6 +1,7 @@
 // The account's paths of zuv-hub: schedules, memory notes and their settings, the
 // assistant's model, Telegram's link as a record, and deleting the account.
 #include "Hub.h"
+#include "Wire.h"
 
 #include <QDateTime>
 #include <QJsonArray>
@@ -10,8 +11,6 @@
 namespace zuv::hub {
 
 namespace {
-
-QString string(const QJsonObject &o, const char *key) { return o.value(QLatin1String(key)).toString(); }
 
 // The next run of a schedule after `now` (ms), or none; local time of this machine.
 std::optional<double> nextRun(const QJsonObject &spec, double now)

@@ -1,4 +1,5 @@
 #include "Hub.h"
+#include "Wire.h"
 
 #include <QDateTime>
 #include <QDir>
@@ -18,10 +19,8 @@ namespace zuv::hub {
 
 namespace {
 
-const QRegularExpression idPattern(QStringLiteral("^[A-Za-z0-9_-]{1,64}$"));
 constexpr double accessLife = 3600 * 1000; // ms
 constexpr double pairingLife = 10 * 60 * 1000;
-constexpr int longestText = 100000;
 
 QString randomText(int length, const QString &alphabet)
 {
@@ -33,7 +32,6 @@ QString randomText(int length, const QString &alphabet)
 
 QString token() { return randomText(40, QStringLiteral("abcdefghijklmnopqrstuvwxyz0123456789")); }
 
-QString string(const QJsonObject &o, const char *key) { return o.value(QLatin1String(key)).toString(); }
 
 QByteArray mimeOf(const QString &path)
 {
@@ -284,7 +282,7 @@ void Hub::relay(const QString &type, QJsonObject message, QHttpServerResponder &
     message.insert(QStringLiteral("type"), type);
     message.insert(QStringLiteral("id"), id);
     m_relayed[id] = {std::make_shared<QHttpServerResponder>(std::move(responder)), std::move(done), asked};
-    agent->sendTextMessage(QString::fromUtf8(QJsonDocument(message).toJson(QJsonDocument::Compact)));
+    agent->sendTextMessage(compact(message));
     QTimer::singleShot(seconds * 1000, this, [this, id] {
         const auto held = m_relayed.find(id);
         if (held == m_relayed.end())
@@ -778,10 +776,9 @@ Hub::Reply Hub::answerPermission(const QJsonObject &body)
         m_store.remove(QStringLiteral("route"), id);
         broadcast({{QStringLiteral("kind"), QStringLiteral("perm")}, {QStringLiteral("request"), *request}});
         if (QWebSocket *agent = agentOf(string(*route, "device")))
-            agent->sendTextMessage(QString::fromUtf8(QJsonDocument(QJsonObject{{QStringLiteral("type"), QStringLiteral("permission-answer")},
-                                                                               {QStringLiteral("ref"), route->value(QStringLiteral("ref"))},
-                                                                               {QStringLiteral("allow"), allow}})
-                                                         .toJson(QJsonDocument::Compact)));
+            agent->sendTextMessage(compact({{QStringLiteral("type"), QStringLiteral("permission-answer")},
+                                            {QStringLiteral("ref"), route->value(QStringLiteral("ref"))},
+                                            {QStringLiteral("allow"), allow}}));
         return {200, {}};
     }
     const QString sessionId = string(*request, "sessionId");
@@ -809,7 +806,7 @@ Hub::Reply Hub::answerPermission(const QJsonObject &body)
 
 void Hub::broadcast(const QJsonObject &envelope)
 {
-    const QString frame = QString::fromUtf8(QJsonDocument(envelope).toJson(QJsonDocument::Compact));
+    const QString frame = compact(envelope);
     for (const auto &socket : m_appSockets)
         if (socket && socket->state() == QAbstractSocket::ConnectedState)
             socket->sendTextMessage(frame);

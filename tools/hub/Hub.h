@@ -3,6 +3,7 @@
 #include "HubStore.h"
 
 #include <QHttpServer>
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QObject>
 #include <QPointer>
@@ -76,6 +77,14 @@ private:
     void sessionsAtHello(const QString &device, const QJsonArray &running);
     void sessionsGone(const QString &device);
     void saveSession(const QJsonObject &session, const QString &event);
+    // A new session's record on `device` (its route kept); saved by its first turn.
+    QJsonObject sessionRecord(const QString &device, const QString &cwd, const QString &project, const QString &title,
+                              const QString &agent);
+    // The session's next turn: the person's item, the record saved as running, the
+    // turn sent to the computer's agent with what it needs to resume.
+    void runTurn(QJsonObject record, const QJsonObject &item, const QString &text, bool chat);
+    // Files of a request, each one uploaded here first; none when one is not.
+    std::optional<QJsonArray> uploadedFiles(const QJsonValue &files) const;
     void addItem(const QString &session, QJsonObject item);
     double tick();
     double m_lastTick = 0;

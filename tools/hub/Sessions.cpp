@@ -3,6 +3,7 @@
 // relays the tool requests, the questions about the session's folder and the
 // clipboards sent to a computer.
 #include "Hub.h"
+#include "Wire.h"
 
 #include <QDateTime>
 #include <QFileInfo>
@@ -16,13 +17,6 @@
 namespace zuv::hub {
 
 namespace {
-
-const QRegularExpression idPattern(QStringLiteral("^[A-Za-z0-9_-]{1,64}$"));
-constexpr int longestText = 100000;
-
-QString string(const QJsonObject &o, const char *key) { return o.value(QLatin1String(key)).toString(); }
-
-QString compact(const QJsonObject &o) { return QString::fromUtf8(QJsonDocument(o).toJson(QJsonDocument::Compact)); }
 
 // Optional string keys: absent is fine, another type or too long is not.
 bool optionalText(const QJsonObject &body, const char *key, int longest)
@@ -150,18 +144,11 @@ std::optional<Hub::Reply> Hub::agentWork(const QString &method, const QString &p
         if (body.value(QStringLiteral("text")).isString() && !string(body, "text").isEmpty()) {
             message.insert(QStringLiteral("text"), string(body, "text"));
         } else if (!files.isEmpty() && files.size() <= 50) {
-            QJsonArray checked;
-            for (const QJsonValue &f : files) {
-                const QString key = string(f.toObject(), "key");
-                const auto media = idPattern.match(key).hasMatch() ? m_store.get(QStringLiteral("media"), key) : std::nullopt;
-                if (!media)
-                    return error(400, QStringLiteral("A file is one uploaded to /app/media first."), QStringLiteral("BAD_FILE"));
-                checked.append(QJsonObject{{QStringLiteral("key"), key},
-                                           {QStringLiteral("name"), string(f.toObject(), "name").left(200)},
-                                           {QStringLiteral("mime"), media->value(QStringLiteral("mime"))}});
-            }
-            message.insert(QStringLiteral("files"), checked);
-            message.insert(QStringLiteral("image"), body.value(QStringLiteral("image")).toBool(false) && checked.size() == 1);
+            const auto checked = uploadedFiles(files);
+            if (!checked)
+                return error(400, QStringLiteral("A file is one uploaded to /app/media first."), QStringLiteral("BAD_FILE"));
+            message.insert(QStringLiteral("files"), *checked);
+            message.insert(QStringLiteral("image"), body.value(QStringLiteral("image")).toBool(false) && checked->size() == 1);
         } else {
             return error(400, QStringLiteral("Send text, or 1 to 50 uploaded files."), QStringLiteral("EMPTY"));
         }
@@ -201,31 +188,67 @@ Hub::Reply Hub::newSession(const QJsonObject &body)
                               .arg(agent == QLatin1String("codex") ? QStringLiteral("Codex") : QStringLiteral("Claude Code")),
                      QStringLiteral("COMPUTER_OFFLINE"));
 
-    const QString id = newId(QStringLiteral("s"));
-    const QString name = m_store.get(QStringLiteral("device"), device).value_or(QJsonObject()).value(QStringLiteral("name")).toString();
-    QJsonObject record{{QStringLiteral("id"), id},
-                       {QStringLiteral("cwd"), cwd},
-                       {QStringLiteral("project"), QFileInfo(cwd).fileName().isEmpty() ? cwd : QFileInfo(cwd).fileName()},
-                       {QStringLiteral("title"), prompt.simplified().left(60)},
-                       {QStringLiteral("status"), QStringLiteral("running")},
-                       {QStringLiteral("startedAt"), now()},
-                       {QStringLiteral("updatedAt"), now()},
-                       {QStringLiteral("agent"), agent},
-                       {QStringLiteral("device"), device},
-                       {QStringLiteral("deviceName"), name}};
+    const QString project = QFileInfo(cwd).fileName().isEmpty() ? cwd : QFileInfo(cwd).fileName();
+    QJsonObject record = sessionRecord(device, cwd, project, prompt.simplified().left(60), agent);
     for (const char *key : {"model", "effort"})
         if (!string(body, key).isEmpty())
             record.insert(QLatin1String(key), string(body, key));
+    runTurn(record, {{QStringLiteral("role"), QStringLiteral("user")}, {QStringLiteral("text"), prompt}}, prompt, false);
+    return {200, QJsonObject{{QStringLiteral("result"), QJsonObject{{QStringLiteral("id"), record.value(QStringLiteral("id"))}}}}};
+}
+
+QJsonObject Hub::sessionRecord(const QString &device, const QString &cwd, const QString &project, const QString &title,
+                               const QString &agent)
+{
+    const QString id = newId(QStringLiteral("s"));
     m_store.put(QStringLiteral("route"), id, {{QStringLiteral("device"), device}});
-    addItem(id, {{QStringLiteral("role"), QStringLiteral("user")}, {QStringLiteral("text"), prompt}});
+    return {{QStringLiteral("id"), id},
+            {QStringLiteral("cwd"), cwd},
+            {QStringLiteral("project"), project},
+            {QStringLiteral("title"), title},
+            {QStringLiteral("startedAt"), now()},
+            {QStringLiteral("agent"), agent},
+            {QStringLiteral("device"), device},
+            {QStringLiteral("deviceName"),
+             m_store.get(QStringLiteral("device"), device).value_or(QJsonObject()).value(QStringLiteral("name"))}};
+}
+
+void Hub::runTurn(QJsonObject record, const QJsonObject &item, const QString &text, bool chat)
+{
+    const QString id = string(record, "id");
+    addItem(id, item);
+    record.insert(QStringLiteral("status"), QStringLiteral("running"));
+    record.insert(QStringLiteral("updatedAt"), now());
     saveSession(record, QStringLiteral("start"));
+    // What the agent needs to run it: the folder, the tool and its settings, and
+    // the tool's own session to resume once there is one.
     QJsonObject turn{{QStringLiteral("type"), QStringLiteral("session-turn")}, {QStringLiteral("id"), id},
-                     {QStringLiteral("cwd"), cwd}, {QStringLiteral("text"), prompt}, {QStringLiteral("agent"), agent}};
+                     {QStringLiteral("cwd"), record.value(QStringLiteral("cwd"))}, {QStringLiteral("text"), text},
+                     {QStringLiteral("agent"), record.value(QStringLiteral("agent"))}};
     for (const char *key : {"model", "effort"})
         if (record.contains(QLatin1String(key)))
             turn.insert(QLatin1String(key), record.value(QLatin1String(key)));
-    agentOf(device)->sendTextMessage(compact(turn));
-    return {200, QJsonObject{{QStringLiteral("result"), QJsonObject{{QStringLiteral("id"), id}}}}};
+    if (const auto route = m_store.get(QStringLiteral("route"), id); route && route->contains(QStringLiteral("resume")))
+        turn.insert(QStringLiteral("resume"), route->value(QStringLiteral("resume")));
+    if (chat)
+        turn.insert(QStringLiteral("chat"), true);
+    if (QWebSocket *agent = agentOf(string(record, "device")))
+        agent->sendTextMessage(compact(turn));
+}
+
+std::optional<QJsonArray> Hub::uploadedFiles(const QJsonValue &files) const
+{
+    QJsonArray checked;
+    for (const QJsonValue &f : files.toArray()) {
+        const QString key = string(f.toObject(), "key");
+        const auto media = idPattern.match(key).hasMatch() ? m_store.get(QStringLiteral("media"), key) : std::nullopt;
+        if (!media)
+            return std::nullopt;
+        checked.append(QJsonObject{{QStringLiteral("key"), key},
+                                   {QStringLiteral("name"), string(f.toObject(), "name").left(200)},
+                                   {QStringLiteral("mime"), media->value(QStringLiteral("mime"))}});
+    }
+    return checked;
 }
 
 bool Hub::sendTurnToAgent(const QString &conversation, int turn, const QString &text)
@@ -246,30 +269,12 @@ bool Hub::sendTurnToAgent(const QString &conversation, int turn, const QString &
     const auto link = m_store.get(QStringLiteral("chat-session"), conversation);
     auto record = link ? m_store.get(QStringLiteral("session"), string(*link, "session")) : std::nullopt;
     if (!record || string(*record, "device") != device || string(*record, "status") == QLatin1String("running")) {
-        const QString name = m_store.get(QStringLiteral("device"), device).value_or(QJsonObject()).value(QStringLiteral("name")).toString();
-        record = QJsonObject{{QStringLiteral("id"), newId(QStringLiteral("s"))},
-                             {QStringLiteral("cwd"), QStringLiteral("~")},
-                             {QStringLiteral("project"), QStringLiteral("Chat")},
-                             {QStringLiteral("title"), text.simplified().left(60)},
-                             {QStringLiteral("startedAt"), now()},
-                             {QStringLiteral("agent"), agent == QLatin1String("codex") ? agent : QStringLiteral("claude")},
-                             {QStringLiteral("device"), device},
-                             {QStringLiteral("deviceName"), name}};
-        m_store.put(QStringLiteral("route"), string(*record, "id"), {{QStringLiteral("device"), device}});
+        record = sessionRecord(device, QStringLiteral("~"), QStringLiteral("Chat"), text.simplified().left(60),
+                               agent == QLatin1String("codex") ? agent : QStringLiteral("claude"));
         m_store.put(QStringLiteral("chat-session"), conversation, {{QStringLiteral("session"), record->value(QStringLiteral("id"))}});
     }
-    const QString id = string(*record, "id");
-    record->insert(QStringLiteral("status"), QStringLiteral("running"));
-    record->insert(QStringLiteral("updatedAt"), now());
-    addItem(id, {{QStringLiteral("role"), QStringLiteral("user")}, {QStringLiteral("text"), text}});
-    saveSession(*record, QStringLiteral("start"));
-    m_agentTurns[id] = {conversation, turn, device};
-    QJsonObject message{{QStringLiteral("type"), QStringLiteral("session-turn")}, {QStringLiteral("id"), id},
-                        {QStringLiteral("cwd"), QStringLiteral("~")}, {QStringLiteral("text"), text},
-                        {QStringLiteral("agent"), record->value(QStringLiteral("agent"))}, {QStringLiteral("chat"), true}};
-    if (const auto route = m_store.get(QStringLiteral("route"), id); route && route->contains(QStringLiteral("resume")))
-        message.insert(QStringLiteral("resume"), route->value(QStringLiteral("resume")));
-    agentOf(device)->sendTextMessage(compact(message));
+    m_agentTurns[string(*record, "id")] = {conversation, turn, device};
+    runTurn(*record, {{QStringLiteral("role"), QStringLiteral("user")}, {QStringLiteral("text"), text}}, text, true);
     broadcast({{QStringLiteral("kind"), QStringLiteral("step")}, {QStringLiteral("target"), QStringLiteral("chat")},
                {QStringLiteral("ref"), conversation}, {QStringLiteral("step"), QStringLiteral("Asking your computer…")}});
     return true;
@@ -284,43 +289,25 @@ Hub::Reply Hub::sessionReply(const QJsonObject &body)
     if (!body.value(QStringLiteral("text")).isString() || string(body, "text").size() > longestText)
         return error(400, QStringLiteral("text is at most 100,000 characters."), QStringLiteral("BAD_TEXT"));
     QString text = string(body, "text");
-    QJsonArray files;
-    for (const QJsonValue &f : body.value(QStringLiteral("files")).toArray()) {
-        const QString key = string(f.toObject(), "key");
-        if (!idPattern.match(key).hasMatch() || !m_store.get(QStringLiteral("media"), key))
-            return error(400, QStringLiteral("A file is one uploaded to /app/media first."), QStringLiteral("BAD_FILE"));
-        files.append(QJsonObject{{QStringLiteral("key"), key},
-                                 {QStringLiteral("name"), string(f.toObject(), "name").left(200)},
-                                 {QStringLiteral("mime"), string(f.toObject(), "mime").left(100)}});
-    }
-    if (text.trimmed().isEmpty() && files.isEmpty())
+    const auto files = uploadedFiles(body.value(QStringLiteral("files")));
+    if (!files)
+        return error(400, QStringLiteral("A file is one uploaded to /app/media first."), QStringLiteral("BAD_FILE"));
+    if (text.trimmed().isEmpty() && files->isEmpty())
         return error(400, QStringLiteral("Nothing to send."), QStringLiteral("EMPTY"));
     const QString status = string(*record, "status");
     if (status == QLatin1String("running") || status == QLatin1String("busy"))
         return error(409, QStringLiteral("The session is still working: wait for it, or stop it."), QStringLiteral("BUSY"));
-    const QString device = string(*record, "device");
-    if (!agentOf(device))
+    if (!agentOf(string(*record, "device")))
         return error(409, QStringLiteral("%1 is offline.").arg(string(*record, "deviceName")), QStringLiteral("COMPUTER_OFFLINE"));
 
     QJsonObject item{{QStringLiteral("role"), QStringLiteral("user")}, {QStringLiteral("text"), text}};
-    if (!files.isEmpty())
-        item.insert(QStringLiteral("files"), files);
-    addItem(id, item);
+    if (!files->isEmpty())
+        item.insert(QStringLiteral("files"), *files);
     // The tool reads files from links to the hub's media, given after the text.
-    for (const QJsonValue &f : files)
+    for (const QJsonValue &f : *files)
         text += QStringLiteral("\n\nAttached file %1: %2/media/%3")
                     .arg(string(f.toObject(), "name"), m_base, string(f.toObject(), "key"));
-    record->insert(QStringLiteral("status"), QStringLiteral("running"));
-    record->insert(QStringLiteral("updatedAt"), now());
-    saveSession(*record, QStringLiteral("start"));
-    QJsonObject turn{{QStringLiteral("type"), QStringLiteral("session-turn")}, {QStringLiteral("id"), id},
-                     {QStringLiteral("cwd"), record->value(QStringLiteral("cwd"))}, {QStringLiteral("text"), text},
-                     {QStringLiteral("agent"), record->value(QStringLiteral("agent"))}};
-    if (record->contains(QStringLiteral("model")))
-        turn.insert(QStringLiteral("model"), record->value(QStringLiteral("model")));
-    if (const auto route = m_store.get(QStringLiteral("route"), id); route && route->contains(QStringLiteral("resume")))
-        turn.insert(QStringLiteral("resume"), route->value(QStringLiteral("resume")));
-    agentOf(device)->sendTextMessage(compact(turn));
+    runTurn(*record, item, text, false);
     return {200, {}};
 }
 

@@ -122,8 +122,8 @@ ClipboardShareSection::ClipboardShareSection(ClipboardShare &share, HotKeys &hot
         if (index >= 0)
             m_share.setTarget(m_target->itemData(index).toString());
     });
-    connect(&m_share, &ClipboardShare::changed, this, &ClipboardShareSection::update);
-    update();
+    connect(&m_share, &ClipboardShare::changed, this, &ClipboardShareSection::showComputers);
+    showComputers();
 }
 
 void ClipboardShareSection::showEvent(QShowEvent *event)
@@ -132,7 +132,7 @@ void ClipboardShareSection::showEvent(QShowEvent *event)
     spawn(m_share.refresh(), QStringLiteral("Refreshing the other computers"));
 }
 
-void ClipboardShareSection::update()
+void ClipboardShareSection::showComputers()
 {
     const std::vector<Me::Mac> &macs = m_share.macs();
     if (macs.empty()) {

@@ -51,7 +51,7 @@ protected:
     void showEvent(QShowEvent *event) override;
 
 private:
-    void update();
+    void showComputers();
 
     ClipboardShare &m_share;
     QLabel *m_about;
